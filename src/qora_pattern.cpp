@@ -1,0 +1,149 @@
+// Pattern store: construction, release and the accessors the command layer
+// reads the pattern set through.
+#include "qora_pattern.h"
+
+#include <cstdlib>
+
+#include "qora_pattern_internal.h"
+
+qoraPattern::qoraPattern() : m_thrd_num(1) {}
+
+void free_sub_golden(golden* g)
+{
+    for (sub_golden* sg : g->sub_gdn_list) {
+        delete[] sg->data;
+        delete[] sg->mask;
+        delete sg;
+    }
+    g->sub_gdn_list.clear();
+}
+
+// Releases a loaded pattern. Whether the data buffers are freed is decided
+// by the buffer at the pattern's own list position, and code bytes are kept:
+// both are long-standing behaviours of the player, kept as they are.
+static void release_loaded_pattern(pattern* p, size_t position)
+{
+    bool free_data = position < MAX_DATA_NUM && p->buf[position].data != nullptr;
+    for (uint32_t j = 0; j < p->buf_num && j < MAX_DATA_NUM; j++) {
+        if (free_data)
+            free(p->buf[j].data);
+    }
+    delete[] p->buf;
+    for (sub_pattern* sp : p->sub_ptn_list) {
+        delete[] sp->binding;
+        delete sp;
+    }
+}
+
+qoraPattern::~qoraPattern()
+{
+    for (size_t i = 0; i < m_ptn_list.size(); i++) {
+        pattern* p = m_ptn_list[i];
+        if (p->use_internal_ptn)
+            delete p->sub_ptn_list.at(0); // the other copies share static tables
+        else
+            release_loaded_pattern(p, i);
+        delete p;
+    }
+    for (output* o : m_out_list) {
+        if (!o->use_internal_output)
+            delete[] o->addr;
+        delete o;
+    }
+    for (golden* g : m_gdn_list) {
+        if (!g->use_internal_gdn)
+            free_sub_golden(g);
+        delete g;
+    }
+}
+
+sub_golden* get_sub_golden(std::vector<golden*> gdn_list, uint32_t index)
+{
+    uint32_t r = index;
+    for (golden* g : gdn_list) {
+        uint32_t n = (uint32_t)g->sub_gdn_list.size();
+        if (r < n)
+            return g->sub_gdn_list[r];
+        r -= n;
+    }
+    return nullptr;
+}
+
+char* qoraPattern::get_pattern_name()
+{
+    return m_ptn_list.at(0)->name;
+}
+
+buffer* qoraPattern::get_pattern_codebuf(uint32_t index)
+{
+    pattern* p = m_ptn_list.at(0);
+    return index < p->sub_ptn_list.size() ? &p->sub_ptn_list[index]->codebuf : nullptr;
+}
+
+uint32_t qoraPattern::get_pattern_code_num()
+{
+    return m_ptn_list.at(0)->code_num;
+}
+
+buffer* qoraPattern::get_pattern_data()
+{
+    return m_ptn_list.at(0)->buf;
+}
+
+uint32_t qoraPattern::get_pattern_data_num()
+{
+    return m_ptn_list.at(0)->buf_num;
+}
+
+binding* qoraPattern::get_pattern_binding(uint32_t index)
+{
+    pattern* p = m_ptn_list.at(0);
+    return index < p->sub_ptn_list.size() ? p->sub_ptn_list[index]->binding : nullptr;
+}
+
+uint32_t qoraPattern::get_pattern_binding_num(uint32_t index)
+{
+    pattern* p = m_ptn_list.at(0);
+    return index < p->sub_ptn_list.size() ? (uint32_t)p->sub_ptn_list[index]->binding_num : 0;
+}
+
+uint8_t* qoraPattern::get_pattern_output(uint32_t index)
+{
+    return index < m_out_list.size() ? m_out_list[index]->addr : nullptr;
+}
+
+uint32_t qoraPattern::get_pattern_output_size(uint32_t index)
+{
+    return index < m_out_list.size() ? m_out_list[index]->size : 0;
+}
+
+uint32_t qoraPattern::get_pattern_output_num()
+{
+    return (uint32_t)m_out_list.size();
+}
+
+uint8_t* qoraPattern::get_pattern_golden_addr(uint32_t index)
+{
+    sub_golden* sg = get_sub_golden(m_gdn_list, index);
+    return sg ? sg->data : nullptr;
+}
+
+uint8_t* qoraPattern::get_pattern_golden_addr_mask(uint32_t index)
+{
+    sub_golden* sg = get_sub_golden(m_gdn_list, index);
+    return sg ? sg->mask : nullptr;
+}
+
+uint32_t qoraPattern::get_pattern_golden_size(uint32_t index)
+{
+    sub_golden* sg = get_sub_golden(m_gdn_list, index);
+    return sg ? sg->len : 0;
+}
+
+uint32_t qoraPattern::get_pattern_golden_num()
+{
+    uint32_t n = 0;
+    for (golden* g : m_gdn_list)
+        n += (uint32_t)g->sub_gdn_list.size();
+    return n;
+}

@@ -1,0 +1,37 @@
+// Helpers shared by the tests: captured calls of the entry point, runs of the
+// real executable, scratch files, and a seam to build pattern sets by hand.
+#ifndef QORA_TEST_UTIL_H
+#define QORA_TEST_UTIL_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "qora_pattern.h"
+
+// Standard output printed while fn runs.
+std::string capture_stdout(const std::function<void()>& fn);
+
+// Calls execute_pattern with {"qora_player", args...}; stores its output.
+int call_entry(const std::vector<std::string>& args, std::string* out);
+
+// Runs the qora_player executable in a shell command line; returns its exit
+// code and stores its standard output (and error, when asked).
+int run_player(const std::string& args, std::string* out, bool with_stderr = false);
+
+// Puts every test-driver setting back to its default.
+void reset_settings();
+
+// A scratch directory for one test, emptied when it is made.
+std::string make_tmp_dir(const std::string& name);
+void write_file(const std::string& path, const std::string& content);
+std::string read_file(const std::string& path);
+
+// Reaches the private lists of a qoraPattern so tests can build sets by hand.
+struct qora_pattern_access {
+    static std::vector<pattern*>& patterns(qoraPattern& p) { return p.m_ptn_list; }
+    static std::vector<golden*>& goldens(qoraPattern& p) { return p.m_gdn_list; }
+    static std::vector<output*>& outputs(qoraPattern& p) { return p.m_out_list; }
+};
+
+#endif // QORA_TEST_UTIL_H
