@@ -1,10 +1,50 @@
-// Helpers shared by the pattern store's source files (not part of its API).
+// Helpers shared by the pattern store's source files (not part of its API):
+// region release, the progress bar that every reader advances, and the
+// tokenizer of the sixteen-byte hex line common to patterns, goldens and
+// the header generators.
 #ifndef QORA_PATTERN_INTERNAL_H
 #define QORA_PATTERN_INTERNAL_H
 
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+
 #include "qora_pattern.h"
+
+// Text input is read in pieces of at most this many characters (a 120-byte
+// buffer with its terminator), as fgets with a 120-byte buffer would.
+#define QORA_LINE_BUF 120
 
 // Releases every region of the golden (data, mask, record) and empties its list.
 void free_sub_golden(golden* g);
+
+// Progress state shared by all readers; reset by prepare_progress_bar.
+extern uint32_t line_num;
+extern uint32_t line_idx;
+extern uint32_t last_progress;
+extern char bar[51];
+
+// Resets the progress state and counts the reads a pass over the file will
+// make: 120-byte line reads for text, 16-byte reads for binary. Rewinds the
+// file; a failed rewind prints "prepare_progress_bar() seek fail".
+void prepare_progress_bar(FILE* fp, bool is_bin);
+
+// Counts one read and prints the bar when the whole percentage changes.
+void show_progress_bar();
+
+// Number of 120-byte line reads (pieces of at most 119 characters, a piece
+// ending at each line feed) that fgets makes over `len` bytes of text.
+// `tail` carries a partial line across calls; start it at 0.
+uint32_t count_line_pieces(const char* text, size_t len, size_t* tail);
+
+// The sixteen two-character tokens of a hex data line, read exactly as
+// sscanf(line, "%2s%2s%2s%2s_%2s%2s%2s%2s_%2s%2s%2s%2s_%2s%2s%2s%2s", ...)
+// reads them. Returns what sscanf returns (fields read, or EOF); fields that
+// were not read keep their contents. Well-formed lines take a fast path.
+int scan_hex_tokens(const char* line, char tok[16][3]);
+
+// Value of one hex digit; any other character reads as 15 (table form of
+// to_i_4bit for the hot paths).
+extern const uint8_t hex_nibble[256];
 
 #endif // QORA_PATTERN_INTERNAL_H
