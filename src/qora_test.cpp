@@ -216,9 +216,11 @@ extern "C" int execute_pattern(int argc, char** argv)
     int outcome = parser_options(argc, argv);
     if (outcome != PARSE_GO_ON)
         return outcome;
+    if (run_conversion_mode())
+        return 0;
     if (pattern_list.empty()) {
         ShowHelp();
         return 0;
     }
-    return 1; // the run mode is not built yet
+    return run_pattern_mode();
 }

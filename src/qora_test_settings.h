@@ -1,7 +1,7 @@
 // Settings of the test driver, filled by the option parser and read by the
-// entry point. They live for the whole life of the library and are never
-// reset by the program: a second call of execute_pattern starts from what the
-// first one left. Declared here so that tests can observe and reset them.
+// modes. They live for the whole life of the library and are never reset by
+// the program: a second call of execute_pattern starts from what the first
+// one left. Declared here so that the mode files and tests can reach them.
 #ifndef QORA_TEST_SETTINGS_H
 #define QORA_TEST_SETTINGS_H
 
@@ -33,5 +33,13 @@ extern bool perf_mode;
 extern bool vlm_disable;
 
 void ShowHelp();
+
+// Runs the first conversion mode that the settings ask for (firmware, debug
+// log, header generation, in that order); false when none applies.
+bool run_conversion_mode();
+
+// Runs the patterns of pattern_list on the engine; 0 when every run built,
+// ran and verified, else 1.
+int run_pattern_mode();
 
 #endif // QORA_TEST_SETTINGS_H
