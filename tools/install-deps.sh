@@ -1,7 +1,11 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, when missing.
+# QORA_CROSS=1 adds the AArch64 cross toolchain and qemu-user.
 set -euo pipefail
-packages=(cmake g++ make libgtest-dev libbenchmark-dev)
+packages=(cmake g++ make libgtest-dev googletest libbenchmark-dev)
+if [ "${QORA_CROSS:-0}" = 1 ]; then
+  packages+=(g++-aarch64-linux-gnu qemu-user)
+fi
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
