@@ -82,7 +82,7 @@ TEST(PatternModel, CodeAndBindingRangeEnds)
 {
     qoraPattern set;
     access::patterns(set).push_back(pattern_of(2, 3));
-    access::patterns(set).push_back(pattern_of(5, 1)); // never visible
+    access::patterns(set).push_back(pattern_of(5, 2)); // never visible
     EXPECT_STREQ(set.get_pattern_name(), "data");
     EXPECT_EQ(set.get_pattern_code_num(), 2u);
     EXPECT_EQ(set.get_pattern_data_num(), 3u);
