@@ -1,10 +1,14 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, when missing.
-# QORA_CROSS=1 adds the AArch64 cross toolchain and qemu-user.
+# QORA_CROSS=1 adds the AArch64 cross toolchain and qemu-user; QORA_FUZZ_DEPS=1
+# adds clang and its sanitizer and libFuzzer runtimes.
 set -euo pipefail
 packages=(cmake g++ make libgtest-dev googletest libbenchmark-dev)
 if [ "${QORA_CROSS:-0}" = 1 ]; then
   packages+=(g++-aarch64-linux-gnu qemu-user)
+fi
+if [ "${QORA_FUZZ_DEPS:-0}" = 1 ]; then
+  packages+=(clang libclang-rt-14-dev)
 fi
 missing=()
 for p in "${packages[@]}"; do
