@@ -21,8 +21,20 @@ const uint8_t hex_nibble[256] = {
     ROW(0), ROW(16), ROW(32), ROW(48), ROW(64), ROW(80), ROW(96), ROW(112),
     ROW(128), ROW(144), ROW(160), ROW(176), ROW(192), ROW(208), ROW(224), ROW(240),
 };
-#undef ROW
 #undef N
+
+static constexpr uint8_t golden_nibble_of(int c)
+{
+    return c == 'x' ? 0 : nibble_of(c);
+}
+
+#define N(c) golden_nibble_of(c)
+static const uint8_t golden_nibble[256] = {
+    ROW(0), ROW(16), ROW(32), ROW(48), ROW(64), ROW(80), ROW(96), ROW(112),
+    ROW(128), ROW(144), ROW(160), ROW(176), ROW(192), ROW(208), ROW(224), ROW(240),
+};
+#undef N
+#undef ROW
 
 // A character that %s takes into a token: not NUL and not C-locale white space.
 static inline bool is_token_char(char c)
@@ -55,4 +67,41 @@ int scan_hex_tokens(const char* line, char tok[16][3])
         tok[t][2] = '\0';
     }
     return 16;
+}
+
+// The two characters of token t: straight from a plain line, else from the scan.
+// Tokens the scan does not fill stay empty.
+struct token_source {
+    explicit token_source(const char* l) : line(l), plain(is_plain_hex_line(l)), tok{}, fields(16)
+    {
+        if (!plain)
+            fields = scan_hex_tokens(l, tok);
+    }
+    const char* at(int t) const { return plain ? line + 2 * t + t / 4 : tok[t]; }
+
+    const char* line;
+    bool plain;
+    char tok[16][3];
+    int fields;
+};
+
+int decode_data_line(const char* line, uint8_t out[16])
+{
+    token_source src(line);
+    for (int t = 0; t < 16; t++) {
+        const unsigned char* c = (const unsigned char*)src.at(t);
+        out[15 - t] = (uint8_t)(hex_nibble[c[0]] << 4 | hex_nibble[c[1]]);
+    }
+    return src.fields;
+}
+
+int decode_golden_line(const char* line, uint8_t data[16], uint8_t mask[16])
+{
+    token_source src(line);
+    for (int t = 0; t < 16; t++) {
+        const unsigned char* c = (const unsigned char*)src.at(t);
+        data[15 - t] = (uint8_t)(golden_nibble[c[0]] << 4 | golden_nibble[c[1]]);
+        mask[15 - t] = (uint8_t)((c[0] == 'x' ? 0 : 0xF0) | (c[1] == 'x' ? 0 : 0x0F));
+    }
+    return src.fields;
 }

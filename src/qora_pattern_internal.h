@@ -47,4 +47,38 @@ int scan_hex_tokens(const char* line, char tok[16][3]);
 // to_i_4bit for the hot paths).
 extern const uint8_t hex_nibble[256];
 
+// The 16 bytes of a pattern data line in memory order (the line's last token
+// is byte 0). Tokens the line does not hold read as empty (bytes 0xFF).
+// Returns the field count of the sixteen-token scan.
+int decode_data_line(const char* line, uint8_t out[16]);
+
+// The 16 bytes and mask bytes of a golden data line in memory order: an 'x'
+// nibble reads as 0 and is masked out, any other non-hex character reads as
+// 15. Returns the field count of the sixteen-token scan.
+int decode_golden_line(const char* line, uint8_t data[16], uint8_t mask[16]);
+
+// Reads a text file as fgets with a 120-byte buffer would: pieces of at most
+// 119 characters, each ending after a line feed or where the buffer filled,
+// but through large buffered reads.
+class line_reader {
+public:
+    explicit line_reader(FILE* fp);
+    ~line_reader();
+    line_reader(const line_reader&) = delete;
+    line_reader& operator=(const line_reader&) = delete;
+
+    // Next piece, NUL-terminated in `piece`; false at end of file.
+    bool next(char piece[QORA_LINE_BUF]);
+
+private:
+    FILE* m_fp;
+    char* m_buf;
+    size_t m_pos;
+    size_t m_end;
+};
+
+// Allocation seam of the loaders, so tests can make allocations fail.
+extern void* (*pattern_malloc)(size_t size);
+extern void* (*pattern_realloc)(void* ptr, size_t size);
+
 #endif // QORA_PATTERN_INTERNAL_H

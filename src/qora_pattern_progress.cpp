@@ -1,4 +1,6 @@
-// Progress bar shared by every reader of pattern, golden and log files.
+// Progress bar and line reading shared by every reader of pattern, golden
+// and log files.
+#include <cstdlib>
 #include <cstring>
 
 #include "qora_pattern_internal.h"
@@ -75,4 +77,38 @@ void show_progress_bar()
     }
     if (percentage == 100)
         printf("\n");
+}
+
+static const size_t kReadChunk = 1 << 20;
+
+line_reader::line_reader(FILE* fp) : m_fp(fp), m_buf((char*)malloc(kReadChunk)), m_pos(0), m_end(0) {}
+
+line_reader::~line_reader()
+{
+    free(m_buf);
+}
+
+bool line_reader::next(char piece[QORA_LINE_BUF])
+{
+    const size_t room = QORA_LINE_BUF - 1;
+    size_t n = 0;
+    while (n < room && m_buf != nullptr) {
+        if (m_pos == m_end) {
+            m_pos = 0;
+            m_end = fread(m_buf, 1, kReadChunk, m_fp);
+            if (m_end == 0)
+                break;
+        }
+        const char* src = m_buf + m_pos;
+        size_t want = m_end - m_pos < room - n ? m_end - m_pos : room - n;
+        const char* nl = (const char*)memchr(src, '\n', want);
+        size_t take = nl != nullptr ? (size_t)(nl - src) + 1 : want;
+        memcpy(piece + n, src, take);
+        n += take;
+        m_pos += take;
+        if (nl != nullptr)
+            break;
+    }
+    piece[n] = '\0';
+    return n > 0;
 }

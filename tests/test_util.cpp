@@ -1,9 +1,12 @@
 #include "test_util.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -94,4 +97,105 @@ std::string read_file(const std::string& path)
     std::stringstream ss;
     ss << f.rdbuf();
     return ss.str();
+}
+
+isolated_result run_isolated(const std::function<std::string()>& fn)
+{
+    char out_path[] = "/tmp/qora_iso_out_XXXXXX";
+    char res_path[] = "/tmp/qora_iso_res_XXXXXX";
+    int out_fd = mkstemp(out_path);
+    int res_fd = mkstemp(res_path);
+    fflush(stdout);
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(out_fd, STDOUT_FILENO);
+        std::string result = fn();
+        fflush(stdout);
+        if (write(res_fd, result.data(), result.size()) != (ssize_t)result.size())
+            _exit(2);
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    isolated_result r{read_file(out_path), read_file(res_path)};
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        r.result += "<child failed>";
+    close(out_fd);
+    close(res_fd);
+    unlink(out_path);
+    unlink(res_path);
+    return r;
+}
+
+static std::string hex_bytes(const uint8_t* p, uint32_t n)
+{
+    std::string s;
+    char b[4];
+    for (uint32_t i = 0; i < n; i++) {
+        snprintf(b, sizeof(b), "%02x", p[i]);
+        s += b;
+    }
+    return s;
+}
+
+// Names a binding target: a data buffer by address, an output by name, the
+// local-memory window, or null.
+static std::string target_name(qoraPattern& set, const uint8_t* data)
+{
+    if (data == nullptr)
+        return "null";
+    if (data == (const uint8_t*)(uintptr_t)0x1D900000)
+        return "vlm";
+    buffer* bufs = set.get_pattern_data();
+    for (uint32_t i = 0; i < set.get_pattern_data_num() && i < MAX_DATA_NUM; i++)
+        if (bufs[i].data == data)
+            return "buf:" + std::string(bufs[i].data_addr_str, strcspn(bufs[i].data_addr_str, "\n"));
+    for (output* o : qora_pattern_access::outputs(set))
+        if (o->addr == data)
+            return std::string("out:") + o->name;
+    return "?";
+}
+
+std::string describe_set(qoraPattern& set)
+{
+    std::ostringstream d;
+    char line[160];
+    if (!qora_pattern_access::patterns(set).empty()) {
+        d << "name=" << set.get_pattern_name() << "\n";
+        for (uint32_t c = 0; c < set.get_pattern_code_num(); c++) {
+            buffer* code = set.get_pattern_codebuf(c);
+            d << "code" << c << " size=" << code->size << " tmp=" << code->is_tmp << " "
+              << hex_bytes(code->data, std::min<uint32_t>(code->size, 32)) << "\n";
+            binding* b = set.get_pattern_binding(c);
+            for (uint32_t i = 0; i < set.get_pattern_binding_num(c) && i < MAX_NUM; i++) {
+                snprintf(line, sizeof(line), "  bind ofs=%u %s shift=0x%x dev_va=0x%x\n", b[i].ofs,
+                         target_name(set, b[i].data).c_str(), b[i].shift, b[i].dev_va);
+                d << line;
+            }
+        }
+        buffer* bufs = set.get_pattern_data();
+        for (uint32_t i = 0; i < set.get_pattern_data_num() && i < MAX_DATA_NUM; i++)
+            d << "data " << bufs[i].data_addr_str << " size=" << bufs[i].size << " tmp=" << bufs[i].is_tmp
+              << " " << hex_bytes(bufs[i].data, std::min<uint32_t>(bufs[i].size, 32)) << "\n";
+    }
+    for (output* o : qora_pattern_access::outputs(set))
+        d << "out " << o->name << " size=" << o->size << " idx=" << o->idx << "\n";
+    for (uint32_t g = 0; g < set.get_pattern_golden_num(); g++) {
+        uint32_t len = set.get_pattern_golden_size(g);
+        uint8_t* mask = set.get_pattern_golden_addr_mask(g);
+        d << "golden" << g << " " << get_sub_golden(qora_pattern_access::goldens(set), g)->name << " len=" << len
+          << " " << hex_bytes(set.get_pattern_golden_addr(g), std::min<uint32_t>(len, 32));
+        if (mask != nullptr)
+            d << " mask=" << hex_bytes(mask, std::min<uint32_t>(len, 32));
+        d << "\n";
+    }
+    return d.str();
+}
+
+std::string load_and_describe(const std::vector<std::string>& patterns, const std::vector<std::string>& goldens)
+{
+    std::vector<std::string> p = patterns;
+    std::vector<std::string> g = goldens;
+    qoraPattern set(p, g, 1);
+    return describe_set(set);
 }

@@ -27,6 +27,22 @@ std::string make_tmp_dir(const std::string& name);
 void write_file(const std::string& path, const std::string& content);
 std::string read_file(const std::string& path);
 
+// What a forked child printed and returned. The loaders and converters keep
+// state across calls on purpose; running a scenario in a child keeps the
+// scenarios of one test run independent.
+struct isolated_result {
+    std::string out;    // its standard output
+    std::string result; // what fn returned
+};
+isolated_result run_isolated(const std::function<std::string()>& fn);
+
+// Text form of a pattern set as the accessors show it: code buffers with
+// their bytes and bindings, data buffers, outputs and golden regions.
+std::string describe_set(qoraPattern& set);
+
+// Builds a set from files (inside run_isolated) and describes it.
+std::string load_and_describe(const std::vector<std::string>& patterns, const std::vector<std::string>& goldens);
+
 // Reaches the private lists of a qoraPattern so tests can build sets by hand.
 struct qora_pattern_access {
     static std::vector<pattern*>& patterns(qoraPattern& p) { return p.m_ptn_list; }

@@ -1,0 +1,189 @@
+// Golden loaders: the expected output regions of a pattern, from a text file
+// (regions tied to outputs by name, with "x" nibbles masked out) or from a
+// raw binary file (one region for the output at the golden's index).
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <strings.h>
+
+#include "qora_pattern_internal.h"
+#include "qora_utils.h"
+
+// Room for `len` bytes in whole 16 KiB blocks, always at least one byte more.
+static uint32_t golden_block_size(uint32_t len)
+{
+    return (len + 16384) & ~16383u;
+}
+
+static bool compare_golden_addr(sub_golden* a, sub_golden* b)
+{
+    return strcasecmp(a->name, b->name) < 0;
+}
+
+static void close_golden(FILE* fp, const char* func, int line)
+{
+    if (fclose(fp) != 0)
+        printf("%s():%d fclose error\n", func, line);
+}
+
+// Closes the file and drops every region loaded so far; the load fails.
+static int fail_golden(FILE* fp, golden* g, int line)
+{
+    close_golden(fp, "load_golden_hex", line);
+    free_sub_golden(g);
+    return -1;
+}
+
+int qoraPattern::load_golden(golden* g)
+{
+    if (hex_name_is_valid(g->file_name))
+        return load_golden_hex(g);
+    if (bin_name_is_valid(g->file_name))
+        return load_golden_bin(g);
+    puts("Golden file type: Fail");
+    return -1;
+}
+
+// Opens a region for an '@' line: sized by the first output whose name
+// begins with the region's name. Returns false when the load must fail.
+static bool open_region(const char* str, golden* g, std::vector<output*>& out_list, int* fail_line)
+{
+    sub_golden* sg = new (std::nothrow) sub_golden();
+    if (sg == nullptr) {
+        *fail_line = __LINE__;
+        return false;
+    }
+    g->sub_gdn_list.push_back(sg);
+    if (sscanf(str, "@%9s", sg->name) != 1) {
+        printf("%s():%d sscanf fail\n", "load_golden_hex", __LINE__);
+        *fail_line = __LINE__;
+        return false;
+    }
+    size_t n = strlen(sg->name);
+    for (output* o : out_list) {
+        if (strncmp(o->name, sg->name, n) == 0) {
+            sg->len = o->size;
+            break;
+        }
+    }
+    if (sg->len == 0) {
+        printf("%s():%d get invalid out sz \n", "load_golden_hex", __LINE__);
+        *fail_line = __LINE__;
+        return false;
+    }
+    sg->data = new (std::nothrow) uint8_t[golden_block_size(sg->len)];
+    if (sg->data != nullptr)
+        sg->mask = new (std::nothrow) uint8_t[golden_block_size(sg->len)];
+    if (sg->mask == nullptr) {
+        *fail_line = __LINE__;
+        return false;
+    }
+    return true;
+}
+
+int qoraPattern::load_golden_hex(golden* g)
+{
+    if (g->idx >= m_out_list.size()) {
+        puts("No pattern data");
+        return -1;
+    }
+    FILE* fp = fopen(g->file_name.c_str(), "r");
+    if (fp == nullptr) {
+        printf("open file(%s) error\n", g->file_name.c_str());
+        return -1;
+    }
+    prepare_progress_bar(fp, false);
+
+    line_reader reader(fp);
+    char str[QORA_LINE_BUF];
+    sub_golden* region = nullptr;
+    uint32_t offset = 0;
+    while (reader.next(str)) {
+        show_progress_bar();
+        size_t len = strlen(str);
+        if (len < 8 || str[0] == '/')
+            continue;
+        if (str[0] == '@') {
+            int fail_line = 0;
+            if (!open_region(str, g, m_out_list, &fail_line))
+                return fail_golden(fp, g, fail_line);
+            region = g->sub_gdn_list.back();
+            offset = 0;
+            continue;
+        }
+        if (region == nullptr)
+            continue;
+        if (len >= QORA_LINE_BUF) {
+            puts("Warning : len >= 120");
+            return fail_golden(fp, g, __LINE__);
+        }
+        uint32_t take = 16;
+        if (offset + 16 > region->len) {
+            take = region->len - offset;
+            if (take >= 16) {
+                printf("Warning : read golden size(0x%x) > output size(0x%x)\n", offset + 16, region->len);
+                return fail_golden(fp, g, __LINE__);
+            }
+            printf("Warning : read golden last line not 16 bytes align (0x%x)\n", take);
+        }
+        uint8_t data[16];
+        uint8_t mask[16];
+        if (decode_golden_line(str, data, mask) < 16)
+            printf("%s():%d sscanf fail\n", "load_golden_hex", __LINE__);
+        memcpy(region->data + offset, data, take);
+        memcpy(region->mask + offset, mask, take);
+        offset += take;
+    }
+    close_golden(fp, "load_golden_hex", __LINE__);
+    if (g->sub_gdn_list.size() >= 2)
+        std::sort(g->sub_gdn_list.begin(), g->sub_gdn_list.end(), compare_golden_addr);
+    return 0;
+}
+
+int qoraPattern::load_golden_bin(golden* g)
+{
+    if (g->idx >= m_out_list.size()) {
+        puts("No pattern data");
+        return -1;
+    }
+    FILE* fp = fopen(g->file_name.c_str(), "r");
+    if (fp == nullptr) {
+        printf("open file(%s) error \n", g->file_name.c_str());
+        return -1;
+    }
+    sub_golden* sg = new sub_golden();
+    g->sub_gdn_list.push_back(sg);
+    sg->len = m_out_list.at(g->idx)->size;
+    sg->data = new (std::nothrow) uint8_t[golden_block_size(sg->len)];
+    if (sg->data == nullptr) {
+        close_golden(fp, "load_golden_bin", __LINE__);
+        free_sub_golden(g);
+        return -1;
+    }
+    prepare_progress_bar(fp, true);
+
+    // Large reads, handled in the 16-byte steps the progress bar counts.
+    static uint8_t chunk[1 << 20];
+    uint32_t offset = 0;
+    size_t got;
+    while (show_progress_bar(), (got = fread(chunk, 1, sizeof(chunk), fp)) > 0) {
+        for (size_t pos = 0; pos < got; pos += 16) {
+            if (pos != 0)
+                show_progress_bar();
+            uint32_t step = (uint32_t)std::min<size_t>(16, got - pos);
+            if (offset + step > sg->len) {
+                printf("\nWarning : read golden size(0x%x) > output size(0x%x)\n", offset + step, sg->len);
+                printf("free golden(%d) data\n", g->idx);
+                close_golden(fp, "load_golden_bin", __LINE__);
+                free_sub_golden(g);
+                return -1;
+            }
+            memcpy(sg->data + offset, chunk + pos, step);
+            offset += step;
+        }
+    }
+    if (offset < sg->len)
+        sg->len = offset;
+    close_golden(fp, "load_golden_bin", __LINE__);
+    return 0;
+}
