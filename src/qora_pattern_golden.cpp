@@ -113,7 +113,7 @@ int qoraPattern::load_golden_hex(golden* g)
         }
         if (region == nullptr)
             continue;
-        if (len >= QORA_LINE_BUF) {
+        if (len >= QORA_LINE_BUF - 1) { // the line filled the 120-byte buffer
             puts("Warning : len >= 120");
             return fail_golden(fp, g, __LINE__);
         }

@@ -48,6 +48,83 @@ TEST(HexLine, AgreesWithSscanfOnGeneratedLines)
     }
 }
 
+// The decoders against the plain reading they replace: sscanf's tokens,
+// converted one character at a time.
+void reference_data(const char* line, uint8_t out[16], int* fields)
+{
+    char tok[16][3] = {};
+    *fields = reference_scan(line, tok);
+    for (int t = 0; t < 16; t++)
+        out[15 - t] = (uint8_t)(to_i_4bit(tok[t][0]) << 4 | to_i_4bit(tok[t][1]));
+}
+
+void reference_golden(const char* line, uint8_t data[16], uint8_t mask[16], int* fields)
+{
+    char tok[16][3] = {};
+    *fields = reference_scan(line, tok);
+    auto value = [](char c) { return c == 'x' ? 0 : to_i_4bit(c); };
+    for (int t = 0; t < 16; t++) {
+        data[15 - t] = (uint8_t)(value(tok[t][0]) << 4 | value(tok[t][1]));
+        mask[15 - t] = (uint8_t)((tok[t][0] == 'x' ? 0 : 0xF0) | (tok[t][1] == 'x' ? 0 : 0x0F));
+    }
+}
+
+TEST(HexLine, DecodersAgreeWithPlainReading)
+{
+    std::mt19937 rng(11);
+    for (int i = 0; i < 100000; i++) {
+        std::string line = random_line(rng);
+        uint8_t fast[16], ref[16], fast_mask[16], ref_mask[16];
+        int ref_fields = 0;
+        reference_data(line.c_str(), ref, &ref_fields);
+        ASSERT_EQ(decode_data_line(line.c_str(), fast), ref_fields) << line;
+        ASSERT_EQ(memcmp(fast, ref, 16), 0) << line;
+        reference_golden(line.c_str(), ref, ref_mask, &ref_fields);
+        ASSERT_EQ(decode_golden_line(line.c_str(), fast, fast_mask), ref_fields) << line;
+        ASSERT_EQ(memcmp(fast, ref, 16), 0) << line;
+        ASSERT_EQ(memcmp(fast_mask, ref_mask, 16), 0) << line;
+    }
+}
+
+// The buffered reader returns exactly the pieces fgets with a 120-byte
+// buffer returns, across its own read boundaries, with long lines, NUL
+// bytes, CR LF and a last line without a line feed.
+TEST(HexLine, ReaderMatchesFgets)
+{
+    std::mt19937 rng(5);
+    std::string text;
+    std::uniform_int_distribution<int> len(0, 300), kind(0, 9), byte(0, 255);
+    while (text.size() < 2500000) {
+        int n = len(rng);
+        int k = kind(rng);
+        for (int i = 0; i < n; i++)
+            text.push_back(k == 0 ? (char)byte(rng) : "0123456789abcdef_"[i % 17]);
+        text += k == 1 ? "\r\n" : "\n";
+    }
+    text += "tail without line feed";
+    std::string path = make_tmp_dir("reader") + "/text";
+    write_file(path, text);
+
+    FILE* plain = fopen(path.c_str(), "r");
+    FILE* buffered = fopen(path.c_str(), "r");
+    line_reader reader(buffered);
+    char expected[QORA_LINE_BUF], got[QORA_LINE_BUF];
+    long pieces = 0;
+    for (;;) {
+        long before = ftell(plain);
+        bool more = fgets(expected, sizeof(expected), plain) != nullptr;
+        ASSERT_EQ(reader.next(got), more) << "piece " << pieces;
+        if (!more)
+            break;
+        size_t n = (size_t)(ftell(plain) - before);
+        ASSERT_EQ(memcmp(got, expected, n + 1), 0) << "piece " << pieces;
+        pieces++;
+    }
+    fclose(plain);
+    fclose(buffered);
+    EXPECT_GT(pieces, 20000);
+}
+
 TEST(HexLine, NibbleTable)
 {
     for (int c = 0; c < 256; c++)
