@@ -81,6 +81,12 @@ static bool open_region(const char* str, golden* g, std::vector<output*>& out_li
     return true;
 }
 
+// Whether the piece's text (up to its first NUL) is shorter than `len`.
+static inline bool text_shorter_than(text_piece line, size_t len)
+{
+    return line.n < len || memchr(line.data, '\0', len) != nullptr;
+}
+
 int qoraPattern::load_golden_hex(golden* g)
 {
     if (g->idx >= m_out_list.size()) {
@@ -98,13 +104,14 @@ int qoraPattern::load_golden_hex(golden* g)
     char str[QORA_LINE_BUF];
     sub_golden* region = nullptr;
     uint32_t offset = 0;
-    while (reader.next(str)) {
+    text_piece line;
+    while ((line = reader.next()).n > 0) {
         show_progress_bar();
-        size_t len = strlen(str);
-        if (len < 8 || str[0] == '/')
+        if (text_shorter_than(line, 8) || line.data[0] == '/')
             continue;
-        if (str[0] == '@') {
+        if (line.data[0] == '@') {
             int fail_line = 0;
+            terminate_piece(line, str);
             if (!open_region(str, g, m_out_list, &fail_line))
                 return fail_golden(fp, g, fail_line);
             region = g->sub_gdn_list.back();
@@ -113,7 +120,7 @@ int qoraPattern::load_golden_hex(golden* g)
         }
         if (region == nullptr)
             continue;
-        if (len >= QORA_LINE_BUF - 1) { // the line filled the 120-byte buffer
+        if (!text_shorter_than(line, QORA_LINE_BUF - 1)) { // the line filled the 120-byte buffer
             puts("Warning : len >= 120");
             return fail_golden(fp, g, __LINE__);
         }
@@ -128,7 +135,7 @@ int qoraPattern::load_golden_hex(golden* g)
         }
         uint8_t data[16];
         uint8_t mask[16];
-        if (decode_golden_line(str, data, mask) < 16)
+        if (decode_golden_line(line.data, line.n, data, mask) < 16)
             printf("%s():%d sscanf fail\n", "load_golden_hex", __LINE__);
         memcpy(region->data + offset, data, take);
         memcpy(region->mask + offset, mask, take);

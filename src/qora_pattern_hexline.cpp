@@ -1,4 +1,9 @@
-// Tokenizer of the sixteen-byte hex line "xxxxxxxx_xxxxxxxx_xxxxxxxx_xxxxxxxx".
+// Tokenizer and decoders of the sixteen-byte hex line
+// "xxxxxxxx_xxxxxxxx_xxxxxxxx_xxxxxxxx".
+//
+// A plain line (four groups of eight token characters joined by '_') is
+// decoded in one table-driven pass; any other line is read by sscanf itself,
+// so both ways give exactly what the sixteen-token format reads.
 #include <cstring>
 
 #include "qora_pattern_internal.h"
@@ -14,44 +19,63 @@ static constexpr uint8_t nibble_of(int c)
                                   : 15;
 }
 
-#define N(c) nibble_of(c)
-#define ROW(r) N(r + 0), N(r + 1), N(r + 2), N(r + 3), N(r + 4), N(r + 5), N(r + 6), N(r + 7), \
-               N(r + 8), N(r + 9), N(r + 10), N(r + 11), N(r + 12), N(r + 13), N(r + 14), N(r + 15)
-const uint8_t hex_nibble[256] = {
-    ROW(0), ROW(16), ROW(32), ROW(48), ROW(64), ROW(80), ROW(96), ROW(112),
-    ROW(128), ROW(144), ROW(160), ROW(176), ROW(192), ROW(208), ROW(224), ROW(240),
-};
-#undef N
-
-static constexpr uint8_t golden_nibble_of(int c)
-{
-    return c == 'x' ? 0 : nibble_of(c);
-}
-
-#define N(c) golden_nibble_of(c)
-static const uint8_t golden_nibble[256] = {
-    ROW(0), ROW(16), ROW(32), ROW(48), ROW(64), ROW(80), ROW(96), ROW(112),
-    ROW(128), ROW(144), ROW(160), ROW(176), ROW(192), ROW(208), ROW(224), ROW(240),
-};
-#undef N
-#undef ROW
-
 // A character that %s takes into a token: not NUL and not C-locale white space.
-static inline bool is_token_char(char c)
+static constexpr bool is_token_char(int c)
 {
     return c != '\0' && c != ' ' && (c < '\t' || c > '\r');
 }
 
-// Four groups of eight token characters with '_' between them: every %2s
-// then reads exactly two characters and every '_' matches where it stands.
+template <typename F>
+static constexpr std::array<uint8_t, 256> make_table(F entry)
+{
+    std::array<uint8_t, 256> table{};
+    for (int c = 0; c < 256; c++)
+        table[c] = entry(c);
+    return table;
+}
+
+// Table entries: the nibble in bits 0-3; bit 4 set when the nibble is
+// compared (golden lines); bit 7 set when the character ends a token.
+static const uint8_t kCompared = 0x10;
+static const uint8_t kNotToken = 0x80;
+
+const std::array<uint8_t, 256> hex_nibble = make_table([](int c) { return nibble_of(c); });
+
+static constexpr std::array<uint8_t, 256> data_code =
+    make_table([](int c) { return (uint8_t)(nibble_of(c) | (is_token_char(c) ? 0 : kNotToken)); });
+
+static constexpr std::array<uint8_t, 256> golden_code = make_table([](int c) {
+    uint8_t value = c == 'x' ? 0 : (uint8_t)(nibble_of(c) | kCompared);
+    return (uint8_t)(value | (is_token_char(c) ? 0 : kNotToken));
+});
+
+// Where each token of a plain line starts: two characters a token, one '_'
+// after every fourth.
+static constexpr uint8_t kTokenStart[16] = {0, 2, 4, 6, 9, 11, 13, 15, 18, 20, 22, 24, 27, 29, 31, 33};
+
+// Mask nibble of a golden character: compared unless it is an 'x'.
+static constexpr std::array<uint8_t, 256> mask_nibble = make_table([](int c) { return (uint8_t)(c == 'x' ? 0 : 0x0F); });
+
+static inline bool separators_in_place(const char* line)
+{
+    return line[8] == '_' && line[17] == '_' && line[26] == '_';
+}
+
+// The first 35 characters are there (no NUL among them), so a plain line
+// can be read at fixed places.
+static inline bool long_enough(const char* line)
+{
+    return strnlen(line, HEX_LINE_CHARS) == HEX_LINE_CHARS;
+}
+
 static bool is_plain_hex_line(const char* line)
 {
-    for (int i = 0; i < HEX_LINE_CHARS; i++) {
-        bool separator = i == 8 || i == 17 || i == 26;
-        if (separator ? line[i] != '_' : !is_token_char(line[i]))
-            return false;
-    }
-    return true;
+    if (!long_enough(line))
+        return false;
+    uint8_t flags = 0;
+    for (int i = 0; i < HEX_LINE_CHARS; i++)
+        flags |= data_code[(unsigned char)line[i]];
+    return !(flags & kNotToken) && separators_in_place(line);
 }
 
 int scan_hex_tokens(const char* line, char tok[16][3])
@@ -61,47 +85,128 @@ int scan_hex_tokens(const char* line, char tok[16][3])
                       tok[7], tok[8], tok[9], tok[10], tok[11], tok[12], tok[13], tok[14], tok[15]);
     }
     for (int t = 0; t < 16; t++) {
-        const char* src = line + 2 * t + t / 4; // skip one '_' per finished group
-        tok[t][0] = src[0];
-        tok[t][1] = src[1];
+        const unsigned char* src = (const unsigned char*)line + kTokenStart[t];
+        tok[t][0] = (char)src[0];
+        tok[t][1] = (char)src[1];
         tok[t][2] = '\0';
     }
     return 16;
 }
 
-// The two characters of token t: straight from a plain line, else from the scan.
-// Tokens the scan does not fill stay empty.
-struct token_source {
-    explicit token_source(const char* l) : line(l), plain(is_plain_hex_line(l)), tok{}, fields(16)
-    {
-        if (!plain)
-            fields = scan_hex_tokens(l, tok);
-    }
-    const char* at(int t) const { return plain ? line + 2 * t + t / 4 : tok[t]; }
-
-    const char* line;
-    bool plain;
-    char tok[16][3];
-    int fields;
-};
-
-int decode_data_line(const char* line, uint8_t out[16])
+// The sixteen tokens of any line (at most 119 bytes) as table entries, read
+// through the scan; tokens the scan does not fill stay empty (NUL characters).
+static int scanned_codes(const char* line, size_t n, const std::array<uint8_t, 256>& table, uint8_t hi[16],
+                         uint8_t lo[16])
 {
-    token_source src(line);
+    char text[QORA_LINE_BUF];
+    terminate_piece({line, n < QORA_LINE_BUF ? n : QORA_LINE_BUF - 1}, text);
+    char tok[16][3] = {};
+    int fields = scan_hex_tokens(text, tok);
     for (int t = 0; t < 16; t++) {
-        const unsigned char* c = (const unsigned char*)src.at(t);
-        out[15 - t] = (uint8_t)(hex_nibble[c[0]] << 4 | hex_nibble[c[1]]);
+        hi[t] = table[(unsigned char)tok[t][0]];
+        lo[t] = table[(unsigned char)tok[t][1]];
     }
-    return src.fields;
+    return fields;
 }
 
-int decode_golden_line(const char* line, uint8_t data[16], uint8_t mask[16])
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "word-wise decoding assumes a little-endian host");
+
+static const uint64_t kEachByte = 0x0101010101010101ull;
+
+// Eight hex digits ([0-9a-fA-F] only) as one word, decoded eight at a time:
+// the four bytes they spell go to `out` in memory order (last pair first).
+// False when any character is not a hex digit.
+static inline bool decode_hex_group(const char* chars, uint8_t out[4])
 {
-    token_source src(line);
+    uint64_t x;
+    memcpy(&x, chars, 8);
+    if (x & (0x80 * kEachByte))
+        return false;
+    // Per byte, bit 7 of (c + 0x80 - k) is set exactly when c >= k (c < 0x80).
+    uint64_t digit = (x + (0x80 - '0') * kEachByte) & ~(x + (0x80 - '9' - 1) * kEachByte);
+    uint64_t lower = x | (0x20 * kEachByte);
+    uint64_t alpha = (lower + (0x80 - 'a') * kEachByte) & ~(lower + (0x80 - 'f' - 1) * kEachByte);
+    if (((digit | alpha) & (0x80 * kEachByte)) != 0x80 * kEachByte)
+        return false;
+    uint64_t nibbles = (x & (0x0F * kEachByte)) + ((alpha >> 7) & kEachByte) * 9;
+    // Pair the characters: high nibble from the even one, low from the odd one.
+    uint64_t pairs = ((nibbles & 0x000F000F000F000Full) << 4) | ((nibbles >> 8) & 0x000F000F000F000Full);
+    uint32_t spelled = (uint32_t)((pairs & 0xFF) | ((pairs >> 8) & 0xFF00) | ((pairs >> 16) & 0xFF0000) |
+                                  ((pairs >> 24) & 0xFF000000));
+    uint32_t in_memory = __builtin_bswap32(spelled);
+    memcpy(out, &in_memory, 4);
+    return true;
+}
+
+// A line of 32 hex digits in four groups joined by '_', the usual case.
+static inline bool decode_hex_digits(const char* line, size_t n, uint8_t out[16])
+{
+    return n >= HEX_LINE_CHARS && separators_in_place(line) && decode_hex_group(line, out + 12) &&
+           decode_hex_group(line + 9, out + 8) && decode_hex_group(line + 18, out + 4) &&
+           decode_hex_group(line + 27, out);
+}
+
+// Bytes of a line whose first `n` characters are all present (no NUL among
+// them), decoded in one pass when the line is plain; false otherwise.
+static bool decode_plain_data(const char* line, size_t n, uint8_t out[16])
+{
+    if (decode_hex_digits(line, n, out))
+        return true;
+    if (n < HEX_LINE_CHARS)
+        return false;
+    const unsigned char* p = (const unsigned char*)line;
+    uint8_t flags = 0;
+#pragma GCC unroll 16
     for (int t = 0; t < 16; t++) {
-        const unsigned char* c = (const unsigned char*)src.at(t);
-        data[15 - t] = (uint8_t)(golden_nibble[c[0]] << 4 | golden_nibble[c[1]]);
-        mask[15 - t] = (uint8_t)((c[0] == 'x' ? 0 : 0xF0) | (c[1] == 'x' ? 0 : 0x0F));
+        uint8_t hi = data_code[p[kTokenStart[t]]];
+        uint8_t lo = data_code[p[kTokenStart[t] + 1]];
+        flags |= hi | lo;
+        out[15 - t] = (uint8_t)(hi << 4 | (lo & 0x0F));
     }
-    return src.fields;
+    return !(flags & kNotToken) && separators_in_place(line);
+}
+
+static bool decode_plain_golden(const char* line, size_t n, uint8_t data[16], uint8_t mask[16])
+{
+    if (decode_hex_digits(line, n, data)) {
+        memset(mask, 0xFF, 16);
+        return true;
+    }
+    if (n < HEX_LINE_CHARS)
+        return false;
+    const unsigned char* p = (const unsigned char*)line;
+    uint8_t flags = 0;
+#pragma GCC unroll 16
+    for (int t = 0; t < 16; t++) {
+        uint8_t hi = golden_code[p[kTokenStart[t]]];
+        uint8_t lo = golden_code[p[kTokenStart[t] + 1]];
+        flags |= hi | lo;
+        data[15 - t] = (uint8_t)(hi << 4 | (lo & 0x0F));
+        mask[15 - t] = (uint8_t)(mask_nibble[p[kTokenStart[t]]] << 4 | mask_nibble[p[kTokenStart[t] + 1]]);
+    }
+    return !(flags & kNotToken) && separators_in_place(line);
+}
+
+int decode_data_line(const char* line, size_t n, uint8_t out[16])
+{
+    if (decode_plain_data(line, n, out))
+        return 16;
+    uint8_t hi[16], lo[16];
+    int fields = scanned_codes(line, n, data_code, hi, lo);
+    for (int t = 0; t < 16; t++)
+        out[15 - t] = (uint8_t)((hi[t] & 0x0F) << 4 | (lo[t] & 0x0F));
+    return fields;
+}
+
+int decode_golden_line(const char* line, size_t n, uint8_t data[16], uint8_t mask[16])
+{
+    if (decode_plain_golden(line, n, data, mask))
+        return 16;
+    uint8_t hi[16], lo[16];
+    int fields = scanned_codes(line, n, golden_code, hi, lo);
+    for (int t = 0; t < 16; t++) {
+        data[15 - t] = (uint8_t)((hi[t] & 0x0F) << 4 | (lo[t] & 0x0F));
+        mask[15 - t] = (uint8_t)((hi[t] & kCompared ? 0xF0 : 0) | (lo[t] & kCompared ? 0x0F : 0));
+    }
+    return fields;
 }

@@ -5,9 +5,11 @@
 #ifndef QORA_PATTERN_INTERNAL_H
 #define QORA_PATTERN_INTERNAL_H
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 #include "qora_pattern.h"
 
@@ -45,21 +47,35 @@ int scan_hex_tokens(const char* line, char tok[16][3]);
 
 // Value of one hex digit; any other character reads as 15 (table form of
 // to_i_4bit for the hot paths).
-extern const uint8_t hex_nibble[256];
+extern const std::array<uint8_t, 256> hex_nibble;
 
 // The 16 bytes of a pattern data line in memory order (the line's last token
-// is byte 0). Tokens the line does not hold read as empty (bytes 0xFF).
-// Returns the field count of the sixteen-token scan.
-int decode_data_line(const char* line, uint8_t out[16]);
+// is byte 0), from the `n` bytes at `line` (not terminated; a NUL byte ends
+// the text as it would end a C string). Tokens the line does not hold read
+// as empty (bytes 0xFF). Returns the field count of the sixteen-token scan.
+int decode_data_line(const char* line, size_t n, uint8_t out[16]);
 
 // The 16 bytes and mask bytes of a golden data line in memory order: an 'x'
 // nibble reads as 0 and is masked out, any other non-hex character reads as
-// 15. Returns the field count of the sixteen-token scan.
-int decode_golden_line(const char* line, uint8_t data[16], uint8_t mask[16]);
+// 15. Arguments and result as above.
+int decode_golden_line(const char* line, size_t n, uint8_t data[16], uint8_t mask[16]);
+
+// `n` bytes of text, not terminated.
+struct text_piece {
+    const char* data;
+    size_t n;
+};
+
+// The piece as a C string in a 120-byte buffer, as fgets would leave it.
+inline void terminate_piece(text_piece piece, char out[QORA_LINE_BUF])
+{
+    memcpy(out, piece.data, piece.n);
+    out[piece.n] = '\0';
+}
 
 // Reads a text file as fgets with a 120-byte buffer would: pieces of at most
-// 119 characters, each ending after a line feed or where the buffer filled,
-// but through large buffered reads.
+// 119 characters, each ending after a line feed or where the buffer filled.
+// The file is read in large chunks and pieces are handed out where they lie.
 class line_reader {
 public:
     explicit line_reader(FILE* fp);
@@ -67,14 +83,18 @@ public:
     line_reader(const line_reader&) = delete;
     line_reader& operator=(const line_reader&) = delete;
 
-    // Next piece, NUL-terminated in `piece`; false at end of file.
-    bool next(char piece[QORA_LINE_BUF]);
+    // The next piece, valid until the next call; n is 0 at end of file.
+    text_piece next();
 
 private:
+    bool refill();
+
     FILE* m_fp;
-    char* m_buf;
+    const char* m_data; // the current chunk
+    size_t m_size;
     size_t m_pos;
-    size_t m_end;
+    char* m_chunk;
+    char m_carry[QORA_LINE_BUF]; // a piece that runs across two chunks
 };
 
 // Allocation seam of the loaders, so tests can make allocations fail.

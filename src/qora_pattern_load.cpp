@@ -288,21 +288,28 @@ static void grow_for_line(fill_target* t)
     t->capacity = want;
 }
 
-static void load_data(char* str, fill_target* t)
+static void load_data(text_piece line, fill_target* t)
 {
     uint8_t bytes[16];
     if (t->buf == nullptr) {
-        if (decode_data_line(str, bytes) < 16)
+        if (decode_data_line(line.data, line.n, bytes) < 16)
             printf("%s():%d sscanf fail\n", "load_data", 1084);
         return;
     }
     grow_for_line(t);
-    if (decode_data_line(str, bytes) < 16)
+    if (decode_data_line(line.data, line.n, bytes) < 16)
         printf("%s():%d sscanf fail\n", "load_data", 1084);
     uint32_t s = t->buf->size;
     if (t->buf->data != nullptr && s + 16 <= t->capacity)
         memcpy(t->buf->data + s, bytes, 16);
     t->buf->size = s + 16;
+}
+
+// Two leading characters that start neither a comment nor an '@' line.
+static inline bool is_data_line(text_piece line)
+{
+    const char* d = line.data;
+    return line.n >= 2 && d[0] != '\0' && d[1] != '\0' && d[0] != '@' && !(d[0] == '/' && d[1] == '/');
 }
 
 int qoraPattern::load_pattern_hex(pattern* p)
@@ -321,8 +328,17 @@ int qoraPattern::load_pattern_hex(pattern* p)
     char str[QORA_LINE_BUF];
     block_state block = BLOCK_NONE;
     fill_target target{nullptr, 0};
-    while (reader.next(str)) {
+    text_piece line;
+    while ((line = reader.next()).n > 0) {
         show_progress_bar();
+        // Most lines are data, decoded where they were read; only the other
+        // lines are copied out and need their length.
+        if (is_data_line(line) && block != BLOCK_NONE) {
+            block = BLOCK_FILLING;
+            load_data(line, &target);
+            continue;
+        }
+        terminate_piece(line, str);
         int len = (int)strlen(str);
         if (len < 2) {
             if (block == BLOCK_FILLING)
@@ -339,11 +355,8 @@ int qoraPattern::load_pattern_hex(pattern* p)
         } else if (str[0] == '@') {
             target = load_at(str, len, p);
             block = BLOCK_OPENED;
-        } else if (block == BLOCK_NONE) {
-            puts("Warning: No '@' keyword before data");
         } else {
-            block = BLOCK_FILLING;
-            load_data(str, &target);
+            puts("Warning: No '@' keyword before data");
         }
     }
     if (fclose(fp) != 0)

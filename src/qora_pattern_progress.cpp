@@ -33,11 +33,13 @@ uint32_t count_line_pieces(const char* text, size_t len, size_t* tail)
     return pieces;
 }
 
+static const size_t kReadChunk = 1 << 20;
+
 static uint32_t count_text_reads(FILE* fp)
 {
     static char chunk[1 << 16];
-    uint32_t pieces = 0;
     size_t tail = 0;
+    uint32_t pieces = 0;
     size_t n;
     while ((n = fread(chunk, 1, sizeof(chunk), fp)) > 0)
         pieces += count_line_pieces(chunk, n, &tail);
@@ -79,36 +81,72 @@ void show_progress_bar()
         printf("\n");
 }
 
-static const size_t kReadChunk = 1 << 20;
-
-line_reader::line_reader(FILE* fp) : m_fp(fp), m_buf((char*)malloc(kReadChunk)), m_pos(0), m_end(0) {}
+line_reader::line_reader(FILE* fp)
+    : m_fp(fp), m_data(nullptr), m_size(0), m_pos(0), m_chunk((char*)malloc(kReadChunk))
+{
+}
 
 line_reader::~line_reader()
 {
-    free(m_buf);
+    free(m_chunk);
 }
 
-bool line_reader::next(char piece[QORA_LINE_BUF])
+bool line_reader::refill()
+{
+    if (m_chunk == nullptr)
+        return false;
+    m_data = m_chunk;
+    m_size = fread(m_chunk, 1, kReadChunk, m_fp);
+    m_pos = 0;
+    return m_size > 0;
+}
+
+static const uint64_t kEachByte = 0x0101010101010101ull;
+
+// Whether the 35 bytes at p hold no line feed (a word-wise test).
+static inline bool no_line_feed_in_35(const char* p)
+{
+    uint64_t found = 0;
+    for (int i = 0; i < 32; i += 8) {
+        uint64_t x;
+        memcpy(&x, p + i, 8);
+        x ^= '\n' * kEachByte;
+        found |= (x - kEachByte) & ~x & (0x80 * kEachByte);
+    }
+    return found == 0 && p[32] != '\n' && p[33] != '\n' && p[34] != '\n';
+}
+
+text_piece line_reader::next()
 {
     const size_t room = QORA_LINE_BUF - 1;
-    size_t n = 0;
-    while (n < room && m_buf != nullptr) {
-        if (m_pos == m_end) {
-            m_pos = 0;
-            m_end = fread(m_buf, 1, kReadChunk, m_fp);
-            if (m_end == 0)
-                break;
-        }
-        const char* src = m_buf + m_pos;
-        size_t want = m_end - m_pos < room - n ? m_end - m_pos : room - n;
-        const char* nl = (const char*)memchr(src, '\n', want);
-        size_t take = nl != nullptr ? (size_t)(nl - src) + 1 : want;
-        memcpy(piece + n, src, take);
+    if (m_pos == m_size && !refill())
+        return {nullptr, 0};
+    const char* src = m_data + m_pos;
+    size_t left = m_size - m_pos;
+    // The usual line: 35 characters and its line feed.
+    if (left >= 36 && src[35] == '\n' && no_line_feed_in_35(src)) {
+        m_pos += 36;
+        return {src, 36};
+    }
+    size_t want = left < room ? left : room;
+    const char* nl = (const char*)memchr(src, '\n', want);
+    size_t take = nl != nullptr ? (size_t)(nl - src) + 1 : want;
+    m_pos += take;
+    if (nl != nullptr || take == room)
+        return {src, take};
+    // The chunk ended inside a piece: carry it over into the next chunk.
+    memcpy(m_carry, src, take);
+    size_t n = take;
+    while (n < room && refill()) {
+        src = m_data;
+        want = m_size < room - n ? m_size : room - n;
+        nl = (const char*)memchr(src, '\n', want);
+        take = nl != nullptr ? (size_t)(nl - src) + 1 : want;
+        memcpy(m_carry + n, src, take);
         n += take;
-        m_pos += take;
+        m_pos = take;
         if (nl != nullptr)
             break;
     }
-    piece[n] = '\0';
-    return n > 0;
+    return {m_carry, n};
 }

@@ -21,7 +21,8 @@ int reference_scan(const char* line, char tok[16][3])
 
 std::string random_line(std::mt19937& rng)
 {
-    static const char alphabet[] = "0123456789abcdefABCDEFxX_ \t\r\n/@gz";
+    // Hex digits, their neighbours in ASCII, white space and high bytes.
+    static const char alphabet[] = "0123456789abcdefABCDEFxX_ \t\r\n/@gz:`GF\x10\x19\x7f\x80\xe6\xff";
     std::string line = "00112233_44556677_8899aabb_ccddeeff\n";
     std::uniform_int_distribution<int> edits(0, 3), pos(0, 40), ch(0, sizeof(alphabet) - 2);
     for (int e = edits(rng); e > 0; e--) {
@@ -77,10 +78,10 @@ TEST(HexLine, DecodersAgreeWithPlainReading)
         uint8_t fast[16], ref[16], fast_mask[16], ref_mask[16];
         int ref_fields = 0;
         reference_data(line.c_str(), ref, &ref_fields);
-        ASSERT_EQ(decode_data_line(line.c_str(), fast), ref_fields) << line;
+        ASSERT_EQ(decode_data_line(line.c_str(), line.size(), fast), ref_fields) << line;
         ASSERT_EQ(memcmp(fast, ref, 16), 0) << line;
         reference_golden(line.c_str(), ref, ref_mask, &ref_fields);
-        ASSERT_EQ(decode_golden_line(line.c_str(), fast, fast_mask), ref_fields) << line;
+        ASSERT_EQ(decode_golden_line(line.c_str(), line.size(), fast, fast_mask), ref_fields) << line;
         ASSERT_EQ(memcmp(fast, ref, 16), 0) << line;
         ASSERT_EQ(memcmp(fast_mask, ref_mask, 16), 0) << line;
     }
@@ -105,24 +106,32 @@ TEST(HexLine, ReaderMatchesFgets)
     std::string path = make_tmp_dir("reader") + "/text";
     write_file(path, text);
 
-    FILE* plain = fopen(path.c_str(), "r");
-    FILE* buffered = fopen(path.c_str(), "r");
-    line_reader reader(buffered);
-    char expected[QORA_LINE_BUF], got[QORA_LINE_BUF];
-    long pieces = 0;
-    for (;;) {
-        long before = ftell(plain);
-        bool more = fgets(expected, sizeof(expected), plain) != nullptr;
-        ASSERT_EQ(reader.next(got), more) << "piece " << pieces;
-        if (!more)
-            break;
-        size_t n = (size_t)(ftell(plain) - before);
-        ASSERT_EQ(memcmp(got, expected, n + 1), 0) << "piece " << pieces;
-        pieces++;
+    // From a file and from a pipe (short reads), with pieces that run across
+    // chunk ends.
+    for (bool from_file : {true, false}) {
+        FILE* plain = fopen(path.c_str(), "r");
+        FILE* source = from_file ? fopen(path.c_str(), "r") : popen(("cat " + path).c_str(), "r");
+        long pieces = 0;
+        {
+            line_reader reader(source);
+            char expected[QORA_LINE_BUF];
+            for (;;) {
+                long before = ftell(plain);
+                bool more = fgets(expected, sizeof(expected), plain) != nullptr;
+                text_piece piece = reader.next();
+                ASSERT_EQ(piece.n > 0, more) << "piece " << pieces;
+                if (!more)
+                    break;
+                size_t n = (size_t)(ftell(plain) - before);
+                ASSERT_EQ(piece.n, n) << "piece " << pieces;
+                ASSERT_EQ(memcmp(piece.data, expected, n), 0) << "piece " << pieces;
+                pieces++;
+            }
+        }
+        fclose(plain);
+        from_file ? fclose(source) : pclose(source);
+        EXPECT_GT(pieces, 20000);
     }
-    fclose(plain);
-    fclose(buffered);
-    EXPECT_GT(pieces, 20000);
 }
 
 TEST(HexLine, NibbleTable)
