@@ -9,6 +9,20 @@ uint32_t line_num = 0;
 uint32_t line_idx = 0;
 uint32_t last_progress = 0xFFFFFFFF;
 char bar[51];
+uint32_t progress_next_idx = 0;
+
+// The percentage is line_idx * 100 / line_num in 32-bit arithmetic; up to
+// this count the product cannot wrap, past it every read is worked out.
+static const uint32_t kNoWrapIdx = 0xFFFFFFFFu / 100;
+
+// First count after line_idx at which the percentage can differ.
+static uint32_t next_change_idx(uint32_t percentage)
+{
+    if (line_num == 0 || percentage >= 100)
+        return line_idx + 1;
+    uint64_t first = ((uint64_t)(percentage + 1) * line_num + 99) / 100;
+    return first < kNoWrapIdx ? (uint32_t)first : kNoWrapIdx;
+}
 
 uint32_t count_line_pieces(const char* text, size_t len, size_t* tail)
 {
@@ -16,6 +30,11 @@ uint32_t count_line_pieces(const char* text, size_t len, size_t* tail)
     uint32_t pieces = 0;
     const char* end = text + len;
     while (text < end) {
+        if (*tail == 0 && is_usual_line(text, (size_t)(end - text))) {
+            pieces++;
+            text += 36;
+            continue;
+        }
         const char* nl = (const char*)memchr(text, '\n', (size_t)(end - text));
         size_t run = (size_t)((nl ? nl : end) - text);
         size_t total = *tail + run;
@@ -33,7 +52,7 @@ uint32_t count_line_pieces(const char* text, size_t len, size_t* tail)
     return pieces;
 }
 
-static const size_t kReadChunk = 1 << 20;
+static const size_t kReadChunk = 1 << 16;
 
 static uint32_t count_text_reads(FILE* fp)
 {
@@ -56,6 +75,7 @@ static uint32_t count_bin_reads(FILE* fp)
 
 void prepare_progress_bar(FILE* fp, bool is_bin)
 {
+    progress_next_idx = 0;
     last_progress = 0xFFFFFFFF;
     line_num = 0;
     line_idx = 0;
@@ -66,10 +86,11 @@ void prepare_progress_bar(FILE* fp, bool is_bin)
     clearerr(fp);
 }
 
-void show_progress_bar()
+void show_progress_bar_update()
 {
     line_idx += 1;
     uint32_t percentage = line_num == 0 ? 0 : line_idx * 100 / line_num;
+    progress_next_idx = next_change_idx(percentage);
     if (percentage > 100)
         return;
     if (percentage != last_progress) {
@@ -101,33 +122,13 @@ bool line_reader::refill()
     return m_size > 0;
 }
 
-static const uint64_t kEachByte = 0x0101010101010101ull;
-
-// Whether the 35 bytes at p hold no line feed (a word-wise test).
-static inline bool no_line_feed_in_35(const char* p)
-{
-    uint64_t found = 0;
-    for (int i = 0; i < 32; i += 8) {
-        uint64_t x;
-        memcpy(&x, p + i, 8);
-        x ^= '\n' * kEachByte;
-        found |= (x - kEachByte) & ~x & (0x80 * kEachByte);
-    }
-    return found == 0 && p[32] != '\n' && p[33] != '\n' && p[34] != '\n';
-}
-
-text_piece line_reader::next()
+text_piece line_reader::next_searched()
 {
     const size_t room = QORA_LINE_BUF - 1;
     if (m_pos == m_size && !refill())
         return {nullptr, 0};
     const char* src = m_data + m_pos;
     size_t left = m_size - m_pos;
-    // The usual line: 35 characters and its line feed.
-    if (left >= 36 && src[35] == '\n' && no_line_feed_in_35(src)) {
-        m_pos += 36;
-        return {src, 36};
-    }
     size_t want = left < room ? left : room;
     const char* nl = (const char*)memchr(src, '\n', want);
     size_t take = nl != nullptr ? (size_t)(nl - src) + 1 : want;
