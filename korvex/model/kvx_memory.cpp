@@ -1,0 +1,131 @@
+// Engine model: device memory, address space and host/device views.
+#include "kvx_memory.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace kvx {
+
+// DRAM starts above the on-chip window and ends at the top of the 32-bit space.
+static const uint64_t kDramBase = 0x20000000;
+static const uint64_t kDramEnd = 0x100000000ull;
+static const uint32_t kHostAlign = 64;
+
+device_memory::device_memory() : m_next_va(kDramBase), m_vlm(kVlmSize), m_vlm_held(false) {}
+
+device_memory::~device_memory()
+{
+    for (auto& entry : m_by_host) {
+        free(entry.second->host);
+        delete entry.second;
+    }
+}
+
+void* device_memory::alloc(uint32_t size, uint32_t align, bool is_cmdbuf)
+{
+    uint64_t a = align == 0 ? 16 : align;
+    if (a & (a - 1))
+        return nullptr;
+    uint64_t base = (m_next_va + a - 1) / a * a;
+    uint32_t room = size == 0 ? 1 : size;
+    if (base + room > kDramEnd)
+        return nullptr;
+    uint8_t* host = (uint8_t*)aligned_alloc(kHostAlign, (room + kHostAlign - 1) / kHostAlign * kHostAlign);
+    if (host == nullptr)
+        return nullptr;
+    memset(host, 0, room);
+    allocation* al = new allocation{(uint32_t)base, size, is_cmdbuf, false, host, std::vector<uint8_t>(room)};
+    m_next_va = base + room;
+    m_by_host[(uintptr_t)host] = al;
+    m_by_device[al->dev_va] = al;
+    return host;
+}
+
+void* device_memory::take_vlm()
+{
+    if (m_vlm_held)
+        return nullptr;
+    uint8_t* handle = (uint8_t*)aligned_alloc(kHostAlign, kHostAlign);
+    if (handle == nullptr)
+        return nullptr;
+    m_by_host[(uintptr_t)handle] = new allocation{kVlmBase, kVlmSize, false, true, handle, {}};
+    m_vlm_held = true;
+    return handle;
+}
+
+bool device_memory::release(void* host, bool is_cmdbuf)
+{
+    allocation* al = find_host(host);
+    if (al == nullptr || al->is_cmdbuf != is_cmdbuf)
+        return false;
+    if (al->is_vlm_handle)
+        m_vlm_held = false;
+    else
+        m_by_device.erase(al->dev_va);
+    m_by_host.erase((uintptr_t)host);
+    free(al->host);
+    delete al;
+    return true;
+}
+
+allocation* device_memory::find_host(void* host)
+{
+    auto it = m_by_host.find((uintptr_t)host);
+    return it == m_by_host.end() ? nullptr : it->second;
+}
+
+bool device_memory::flush(void* host)
+{
+    allocation* al = find_host(host);
+    if (al == nullptr)
+        return false;
+    if (!al->is_vlm_handle)
+        memcpy(al->device.data(), al->host, al->size);
+    return true;
+}
+
+bool device_memory::invalidate(void* host)
+{
+    allocation* al = find_host(host);
+    if (al == nullptr)
+        return false;
+    if (!al->is_vlm_handle)
+        memcpy(al->host, al->device.data(), al->size);
+    return true;
+}
+
+allocation* device_memory::find_device(uint32_t dev_va, uint32_t len)
+{
+    auto it = m_by_device.upper_bound(dev_va);
+    if (it == m_by_device.begin())
+        return nullptr;
+    allocation* al = (--it)->second;
+    uint64_t end = (uint64_t)dev_va + len;
+    return end <= (uint64_t)al->dev_va + al->size ? al : nullptr;
+}
+
+uint8_t* device_memory::device_range(uint32_t dev_va, uint32_t len)
+{
+    uint64_t end = (uint64_t)dev_va + len;
+    if (dev_va >= kVlmBase && end <= (uint64_t)kVlmBase + kVlmSize)
+        return m_vlm.data() + (dev_va - kVlmBase);
+    allocation* al = find_device(dev_va, len);
+    if (al == nullptr || al->is_cmdbuf)
+        return nullptr;
+    return al->device.data() + (dev_va - al->dev_va);
+}
+
+void device_memory::engine_wrote(uint32_t dev_va, uint32_t len)
+{
+    allocation* al = find_device(dev_va, len);
+    if (al != nullptr && len > 0)
+        memcpy(al->host + (dev_va - al->dev_va), al->device.data() + (dev_va - al->dev_va), len);
+}
+
+allocation* device_memory::cmdbuf(void* host)
+{
+    allocation* al = find_host(host);
+    return al != nullptr && al->is_cmdbuf ? al : nullptr;
+}
+
+} // namespace kvx
