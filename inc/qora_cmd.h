@@ -119,6 +119,12 @@ struct qora_cmd {
 
 class qoraPattern;
 
+// Index of the first 32-bit word at or after `from`, below `words`, where
+// `out` and `golden` differ (in the bits `mask` sets, when it is given);
+// `words` when there is none.
+uint32_t next_mismatch(const uint32_t* out, const uint32_t* golden, const uint32_t* mask, uint32_t from,
+                       uint32_t words);
+
 class qoraCmd {
 public:
     qoraCmd(int id, int debug_lv, int prio_lv, qoraPattern* ptn, std::vector<uint16_t>& pmu_evt,
@@ -139,6 +145,15 @@ private:
     int CompareEachOutput(uint32_t index);
     void PreparePMUEvents(qora_cmd* cmd);
     void ShowPMUEventCount(qora_cmd* cmd);
+    void BindTarget(const uint8_t* key, uint32_t dev_va, bool is_output, uint32_t size);
+    bool UsesVLM();
+    bool AllocCmdBuf(void** slot, uint32_t size, const char* what);
+    void RelocateCode(uint32_t* code, binding* table, uint32_t count);
+    void SetBoost(korvex_subcmd* sub, int boost);
+    void SetCmdParams(int delay_off, int softlimit, int hardlimit, bool perf_mode);
+    void PackSubCmds(std::vector<korvex_subcmd*>& list);
+    void ReportSubCmd(qora_cmd* cmd, korvex_subcmd* sub);
+    void ShowFlows(qora_cmd* cmd, uint32_t shown, uint32_t freq);
 
     int m_id;
     int m_debug_lv;
