@@ -35,9 +35,10 @@ int call_entry(const std::vector<std::string>& args, std::string* out)
     return rc;
 }
 
-int run_player(const std::string& args, std::string* out, bool with_stderr)
+int run_player(const std::string& args, std::string* out, bool with_stderr, const std::string& env)
 {
-    std::string cmd = std::string(QORA_PLAYER_PATH) + " " + args + (with_stderr ? " 2>&1" : " 2>/dev/null");
+    std::string cmd = (env.empty() ? "" : "env " + env + " ") + std::string(QORA_PLAYER_PATH) + " " + args +
+                      (with_stderr ? " 2>&1" : " 2>/dev/null");
     FILE* fp = popen(cmd.c_str(), "r");
     if (fp == nullptr)
         return -1;

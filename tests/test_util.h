@@ -17,7 +17,7 @@ int call_entry(const std::vector<std::string>& args, std::string* out);
 
 // Runs the qora_player executable in a shell command line; returns its exit
 // code and stores its standard output (and error, when asked).
-int run_player(const std::string& args, std::string* out, bool with_stderr = false);
+int run_player(const std::string& args, std::string* out, bool with_stderr = false, const std::string& env = "");
 
 // Puts every test-driver setting back to its default.
 void reset_settings();

@@ -132,7 +132,7 @@ void delete_cmd(korvex_cmd* cmd)
 
 int traced(const char* op, const std::string& args, int result)
 {
-    kvx::trace_call(op, args, num((uint64_t)(int64_t)result));
+    kvx::trace_call(op, args, std::to_string(result));
     return result;
 }
 

@@ -1,0 +1,200 @@
+// Run mode end to end: the qora_player executable plays small patterns on
+// the engine model; the checks read its output, its exit code, its dump
+// files and the model's call trace.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
+#include "test_util.h"
+
+namespace {
+
+std::string line(uint32_t w0, uint32_t w1, uint32_t w2, uint32_t w3)
+{
+    char text[40];
+    snprintf(text, sizeof(text), "%08x_%08x_%08x_%08x\n", w3, w2, w1, w0);
+    return text;
+}
+
+// Header words of the engine's instructions.
+uint32_t setr(uint32_t reg)
+{
+    return 0x0202 | reg << 16;
+}
+uint32_t move(uint32_t dst, uint32_t src, uint32_t len)
+{
+    return 0x0103 | (dst | src << 4 | len << 8) << 16;
+}
+
+const std::string kInput = line(0x03020100, 0x07060504, 0x0b0a0908, 0x0f0e0d0c) +
+                           line(0x13121110, 0x17161514, 0x1b1a1918, 0x1f1e1d1c);
+
+// Copies the 32-byte buffer at 40000000 to the output at 40009000, once per
+// code buffer; with `via_vlm` through the on-chip memory.
+std::string copy_pattern(int code_buffers, bool via_vlm)
+{
+    std::string code;
+    std::string bindings;
+    if (via_vlm) {
+        code = line(setr(0), 0, setr(1), 0) + line(setr(2), 32, move(0, 1, 2), setr(3)) +
+               line(0, move(3, 0, 2), 0, 0);
+        bindings = "// 4 @1D900000\n// 12 @40000000\n// 32 @40009000\n";
+    } else {
+        code = line(setr(0), 0, setr(1), 0) + line(setr(2), 32, move(0, 1, 2), 0);
+        bindings = "// 4 @40009000\n// 12 @40000000\n";
+    }
+    std::string text = "// Output\n// @40009000 {32}\n// Data\n@40000000\n" + kInput + "\n// Code\n";
+    for (int c = 0; c < code_buffers; c++)
+        text += "@" + std::to_string(c) + "\n" + code + "\n";
+    for (int c = 0; c < code_buffers; c++)
+        text += "// Binding\n" + bindings;
+    return text;
+}
+
+struct RunCase {
+    const char* what;
+    std::string env;
+    std::string args;
+    int rc;
+    std::vector<std::string> printed;
+    std::vector<std::string> traced;
+    std::vector<std::string> absent; // in the output or the trace
+};
+
+class RunMode : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        dir = make_tmp_dir("run_mode");
+        write_file(dir + "/copy.hex", copy_pattern(1, false));
+        write_file(dir + "/two.hex", copy_pattern(2, false));
+        write_file(dir + "/vlm.hex", copy_pattern(1, true));
+        write_file(dir + "/gold.hex", "@40009000\n" + kInput);
+        write_file(dir + "/bad.hex", "@40009000\n" + line(0x03020100, 0x07060504, 0x0b0a0908, 0x0f0e0d0c) +
+                                         line(0x13121110, 0x17161414, 0x1b1a1918, 0x1f1e1d1c));
+    }
+
+    void check(const RunCase& c)
+    {
+        std::string trace = dir + "/trace.txt";
+        remove(trace.c_str());
+        std::string out;
+        int rc = run_player(c.args, &out, false, "KVX_MODEL_TRACE=" + trace + " " + c.env);
+        std::string calls = read_file(trace);
+        EXPECT_EQ(rc, c.rc) << c.what << "\n" << out;
+        for (const std::string& text : c.printed)
+            EXPECT_NE(out.find(text), std::string::npos) << c.what << ": no \"" << text << "\" in\n" << out;
+        for (const std::string& text : c.traced)
+            EXPECT_NE(calls.find(text), std::string::npos) << c.what << ": no \"" << text << "\" in\n" << calls;
+        for (const std::string& text : c.absent)
+            EXPECT_EQ((out + calls).find(text), std::string::npos) << c.what << ": \"" << text << "\"";
+    }
+
+    std::string dir;
+};
+
+TEST_F(RunMode, OptionsReachTheMiddleware)
+{
+    const std::string copy = "-f " + dir + "/copy.hex -g " + dir + "/gold.hex ";
+    const std::vector<RunCase> cases = {
+        {"a copy verifies", "", copy, 0, {"[I:BuildCmd:", "] Get pattern : run_mode\n", "Verify pattern 1 times : success\n"},
+         {"korvexCmd_run(cmd#1) = 0"}, {"SC_PARAM_CORE_AFFINITY", "SC_PARAM_BOOST_VALUE", "VLM"}},
+        {"several loops", "", copy + "-l 3 -d 0", 0, {"Verify pattern 3 times : success\n"}, {"korvexCmd_run(cmd#3) = 0"}, {}},
+        {"no golden", "", "-f " + dir + "/copy.hex -l 2", 0,
+         {"no golden data\n", "Run pattern 2 times : done (doesn't compare golden)\n"}, {}, {}},
+        {"loop 0 runs nothing", "", copy + "-l 0", 1, {}, {}, {"Run command"}},
+        {"core mask cut to the engine's cores", "", copy + "-c 11", 0, {"set core mask = 3\n"},
+         {"korvexSubCmd_setParam(subcmd#1, SC_PARAM_CORE_AFFINITY, 3) = 0"}, {}},
+        {"boost value", "", copy + "-b 100", 0, {}, {"SC_PARAM_BOOST_VALUE, 100) = 0"}, {"TURBO"}},
+        {"turbo", "", copy + "-b 101", 0, {}, {"SC_PARAM_TURBO_BOOST, 1) = 0"}, {"BOOST_VALUE"}},
+        {"random boost", "", copy + "-b -1", 0, {"success"}, {"korvexSubCmd_setParam(subcmd#1, SC_PARAM_"}, {}},
+        {"priority", "", copy + "--force_priority 10", 0, {"set priority = 2\n"}, {}, {}},
+        {"command parameters", "", copy + "--delay_off 5 -o 7 -a 9000 --perf_mode", 0, {},
+         {"korvexCmd_setParam(cmd#1, CMD_PARAM_DELAY_POWER_OFF_MS, 5) = 0\n"
+          "korvexCmd_setParam(cmd#1, CMD_PARAM_SOFTLIMIT, 7) = 0\n"
+          "korvexCmd_setParam(cmd#1, CMD_PARAM_HARDLIMIT, 9000) = 0\n"
+          "korvexCmd_setParam(cmd#1, CMD_PARAM_POWERPOLICY, 2) = 0\n"},
+         {}},
+        {"statistics", "", copy + "-d 4", 0,
+         {"] execute   = 1[us]\n", "] ipTime    = 1[us]\n", "] execTime  = 21[us]\n", "] bandwidth = 64[MB/s]\n"},
+         {}, {"ran on core"}},
+        {"two code buffers are packed", "", "-f " + dir + "/two.hex -g " + dir + "/gold.hex -c 1", 0,
+         {"success"},
+         {"korvexSubCmd_setParam(subcmd#1, SC_PARAM_VLM_CTX, 1) = 0\n"
+          "korvexSubCmd_setParam(subcmd#2, SC_PARAM_VLM_CTX, 1) = 0\n"
+          "korvexCmd_setDependencyPack(cmd#1, subcmd#1, subcmd#2) = 0\n",
+          "korvexSubCmd_setParam(subcmd#1, SC_PARAM_CORE_AFFINITY, 1) = 0"},
+         {"subcmd#2, SC_PARAM_CORE_AFFINITY"}},
+        {"VLM obtained", "", "-f " + dir + "/vlm.hex -g " + dir + "/gold.hex", 0, {"success"},
+         {"korvexSession_memAlloc(session#1, 0, 0, KORVEX_MEM_TYPE_VLM, 0) = mem#",
+          "SC_PARAM_VLM_USAGE, 1048576) = 0"},
+         {}},
+        {"VLM refused: shared DRAM instead", "KVX_MODEL_NO_VLM=1", "-f " + dir + "/vlm.hex -g " + dir + "/gold.hex",
+         0, {"get vlm fail!!\n", "success"}, {"1048576, 4096, KORVEX_MEM_TYPE_DRAM, 2) = mem#"}, {}},
+        {"VLM disabled", "", "-f " + dir + "/vlm.hex -g " + dir + "/gold.hex --no_vlm", 0, {"success"}, {},
+         {"KORVEX_MEM_TYPE_VLM", "VLM_USAGE"}},
+        {"PMU normal mode", "", copy + "-p 0101 -p 1001 -p 1708", 0,
+         {"pmu freq = 1000000\n", "normal mode, cmd_log = 0x51000000--------\n", "evt:0x0101, cnt: 5\n",
+          "evt:0x1001, cnt: 32\n", "evt:0x1708, cnt: 0\n"},
+         {"korvexSession_cmdBufAlloc(session#1, 64, 1048576) = cb#"}, {}},
+        {"PMU flusher mode", "", copy + "--flusher", 0, {"burst_mode = 0x2\n", "---- ip time = 0 us ----\n"},
+         {"korvexSession_cmdBufAlloc(session#1, 983040, 1048576) = cb#"}, {}},
+        {"14 PMU events are refused", "",
+         copy + "-p 1 -p 2 -p 3 -p 4 -p 5 -p 6 -p 7 -p 8 -p 9 -p a -p b -p c -p d -p e", 1,
+         {"Warning: The number of PMU events > 14\n"}, {"korvexSubCmd_addCmdBuf(subcmd#1, null, KORVEX_CB_IN) = -1"}, {}},
+    };
+    for (const RunCase& c : cases)
+        check(c);
+}
+
+TEST_F(RunMode, MismatchReportAndDump)
+{
+    std::string out;
+    std::string args = "-f " + dir + "/copy.hex -g " + dir + "/bad.hex --dump_output";
+    EXPECT_EQ(run_player("-l 5 " + args, &out, false, ""), 1);
+    EXPECT_NE(out.find("]   5: output = 17161514, golden = 17161414, mask = ffffffff\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("] QORA loop 0 !! Compare golden Fail !!\n"), std::string::npos);
+    EXPECT_EQ(out.find("Run command", out.find("Compare golden Fail")), std::string::npos); // the loop stops
+    EXPECT_EQ(read_file("output0_0.bin"), read_file("output0_0.bin").substr(0, 32));
+    std::string dumped = read_file("output0_0.bin");
+    ASSERT_EQ(dumped.size(), 32u);
+    EXPECT_EQ((uint8_t)dumped[31], 0x1f);
+    remove("output0_0.bin");
+}
+
+TEST_F(RunMode, MiddlewareFailures)
+{
+    const std::string copy = "-f " + dir + "/copy.hex -g " + dir + "/gold.hex -b 100 --delay_off 3 ";
+    auto fail = [](const char* op_n) { return std::string("KVX_MODEL_FAIL=") + op_n; };
+    const std::vector<RunCase> cases = {
+        {"no session", fail("korvexSession_createInstance:1"), copy, 1, {"] No korvex session!\n"}, {}, {}},
+        {"no cores", "KVX_MODEL_CORES=0", copy, 1, {"] no qora device registered!\n"}, {}, {}},
+        {"data buffer", fail("korvexSession_memAlloc:1"), copy, 1, {"] alloc 40000000\n FAIL\n"}, {}, {}},
+        {"output buffer", fail("korvexSession_memAlloc:2"), copy, 1, {"] alloc output_buf 0 FAIL\n"}, {}, {}},
+        {"information record", fail("korvexSession_cmdBufAlloc:1"), copy, 1,
+         {"alloc command buffer (command information) fail\n"}, {}, {}},
+        {"result record", fail("korvexSession_cmdBufAlloc:2"), copy, 1, {"alloc command buffer (command result) fail\n"},
+         {}, {}},
+        {"player record", fail("korvexSession_cmdBufAlloc:3"), copy, 1,
+         {"alloc command buffer (player information) fail\n"}, {}, {}},
+        {"code buffer", fail("korvexSession_cmdBufAlloc:4"), copy, 1, {"alloc command buffer (codebuf) fail\n"}, {}, {}},
+        {"PMU buffer", fail("korvexSession_cmdBufAlloc:5"), copy + "-p 101", 0,
+         {"alloc command buffer (pmu) fail\n", "success"}, {}, {"pmu freq"}},
+        {"PMU result buffers: PMU off", fail("korvexSession_cmdBufAlloc:6"), copy + "-p 101", 0,
+         {"alloc command buffer (pmu_res/buf) fail\n", "success"}, {}, {"pmu freq"}},
+        {"command", fail("korvexSession_createCmd:1"), copy, 1, {"] Create korvex command FAIL!"}, {}, {}},
+        {"command parameter", fail("korvexCmd_setParam:1"), copy, 0, {"setParam delay power off: Fail\n", "success"}, {}, {}},
+        {"sub-command", fail("korvexCmd_createSubcmd:1"), copy, 1, {}, {"korvexSession_deleteCmd(session#1, cmd#1) = 0"}, {}},
+        {"attach", fail("korvexSubCmd_addCmdBuf:2"), copy, 1, {}, {"korvexSession_deleteCmd(session#1, cmd#1) = 0"}, {}},
+        {"boost", fail("korvexSubCmd_setParam:1"), copy, 0, {"setParam boost value: Fail\n", "success"}, {}, {}},
+        {"build", fail("korvexCmd_build:1"), copy, 1, {}, {"korvexSession_deleteCmd(session#1, cmd#1) = 0"},
+         {"Run command"}},
+        {"run", fail("korvexCmd_run:1"), copy, 1, {"] Command Fail!! (-1)\n"}, {}, {}},
+        {"invalidate", fail("korvexSession_memInvalidate:1"), copy, 0,
+         {"] invalidate data buffer idx0: Fail\n", "success"}, {}, {}},
+    };
+    for (const RunCase& c : cases)
+        check(c);
+}
+
+} // namespace
