@@ -65,7 +65,8 @@ class RunMode : public testing::Test {
 protected:
     void SetUp() override
     {
-        dir = make_tmp_dir("run_mode");
+        // Tests run in parallel: each gets a directory of its own.
+        dir = make_tmp_dir(std::string("run_") + testing::UnitTest::GetInstance()->current_test_info()->name());
         write_file(dir + "/copy.hex", copy_pattern(1, false));
         write_file(dir + "/two.hex", copy_pattern(2, false));
         write_file(dir + "/vlm.hex", copy_pattern(1, true));
@@ -97,7 +98,7 @@ TEST_F(RunMode, OptionsReachTheMiddleware)
 {
     const std::string copy = "-f " + dir + "/copy.hex -g " + dir + "/gold.hex ";
     const std::vector<RunCase> cases = {
-        {"a copy verifies", "", copy, 0, {"[I:BuildCmd:", "] Get pattern : run_mode\n", "Verify pattern 1 times : success\n"},
+        {"a copy verifies", "", copy, 0, {"[I:BuildCmd:", "] Get pattern : run_OptionsReachTheMiddleware\n", "Verify pattern 1 times : success\n"},
          {"korvexCmd_run(cmd#1) = 0"}, {"SC_PARAM_CORE_AFFINITY", "SC_PARAM_BOOST_VALUE", "VLM"}},
         {"several loops", "", copy + "-l 3 -d 0", 0, {"Verify pattern 3 times : success\n"}, {"korvexCmd_run(cmd#3) = 0"}, {}},
         {"no golden", "", "-f " + dir + "/copy.hex -l 2", 0,
