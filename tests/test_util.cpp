@@ -37,7 +37,12 @@ int call_entry(const std::vector<std::string>& args, std::string* out)
 
 int run_player(const std::string& args, std::string* out, bool with_stderr, const std::string& env)
 {
-    std::string cmd = (env.empty() ? "" : "env " + env + " ") + std::string(QORA_PLAYER_PATH) + " " + args +
+#ifdef QORA_SANITIZER_ENV
+    std::string settings = std::string(QORA_SANITIZER_ENV) + " " + env;
+#else
+    const std::string& settings = env;
+#endif
+    std::string cmd = (settings.empty() ? "" : "env " + settings + " ") + std::string(QORA_PLAYER_PATH) + " " + args +
                       (with_stderr ? " 2>&1" : " 2>/dev/null");
     FILE* fp = popen(cmd.c_str(), "r");
     if (fp == nullptr)

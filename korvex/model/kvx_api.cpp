@@ -16,17 +16,38 @@ std::set<korvex_cmd*> g_cmds;
 std::set<korvex_subcmd*> g_subcmds;
 uint32_t g_session_ids, g_cmd_ids, g_subcmd_ids, g_mem_ids, g_cb_ids;
 
+bool live(korvex_session* s)
+{
+    return g_sessions.count(s) != 0;
+}
+bool live(korvex_cmd* c)
+{
+    return g_cmds.count(c) != 0;
+}
+bool live(korvex_subcmd* c)
+{
+    return g_subcmds.count(c) != 0;
+}
+
+// A handle's trace name; a handle the model never gave out is not read.
+template <typename Handle>
+std::string name_of(Handle* h, const char* kind)
+{
+    if (h == nullptr)
+        return "null";
+    return live(h) ? kvx::handle_name(kind, h->id, h) : "unknown";
+}
 std::string name_of(korvex_session* s)
 {
-    return kvx::handle_name("session", s ? s->id : 0, s);
+    return name_of(s, "session");
 }
 std::string name_of(korvex_cmd* c)
 {
-    return kvx::handle_name("cmd", c ? c->id : 0, c);
+    return name_of(c, "cmd");
 }
 std::string name_of(korvex_subcmd* c)
 {
-    return kvx::handle_name("subcmd", c ? c->id : 0, c);
+    return name_of(c, "subcmd");
 }
 
 std::string name_of_buffer(korvex_session* s, const void* p)
@@ -105,18 +126,6 @@ std::string num(uint64_t v)
     return std::to_string(v);
 }
 
-bool live(korvex_session* s)
-{
-    return g_sessions.count(s) != 0;
-}
-bool live(korvex_cmd* c)
-{
-    return g_cmds.count(c) != 0;
-}
-bool live(korvex_subcmd* c)
-{
-    return g_subcmds.count(c) != 0;
-}
 
 void delete_cmd(korvex_cmd* cmd)
 {
