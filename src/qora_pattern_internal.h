@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "qora_pattern.h"
 
@@ -136,6 +137,17 @@ private:
     char* m_chunk;
     char m_carry[QORA_LINE_BUF]; // a piece that runs across two chunks
 };
+
+// Header generators: whether a golden mask array was written (never cleared).
+extern bool mask_exist;
+// Formats into a header; formatting and write failures are reported for `func`.
+void emit(FILE* fp, const char* func, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
+void emit_text(FILE* fp, const char* func, const char* text, size_t n);
+// The header path up to its last '.', at most 79 characters: the array names' base.
+std::string header_base_name(const std::string& header);
+// "0x" and each token's characters (rewritten by `map`), last token first,
+// joined by ", "; returns the length written to `out` (at least 128 bytes).
+size_t format_items(char tok[16][3], char (*map)(char), char* out);
 
 // Allocation seam of the loaders, so tests can make allocations fail.
 extern void* (*pattern_malloc)(size_t size);
