@@ -68,6 +68,22 @@ bool compare_output_addr(output* a, output* b);
 // Sub-golden number `index` across all goldens, golden by golden; null past the end.
 sub_golden* get_sub_golden(std::vector<golden*> gdn_list, uint32_t index);
 
+// The static tables of a built-in pattern (generated headers in inc/pattern/).
+struct internal_tables {
+    const char* name;
+    uint8_t* code;
+    uint32_t code_size;
+    struct binding* binding;
+    int32_t binding_num;
+    buffer* data;     // the data table's row 1 (row 0 is the code)
+    uint32_t data_num; // rows in use, the code row included
+    uint8_t* output;
+    uint32_t output_size;
+    uint8_t* golden;
+    uint8_t* golden_mask; // null when the golden has no mask
+    uint32_t golden_len;
+};
+
 class qoraPattern {
 public:
     qoraPattern();
@@ -98,6 +114,7 @@ public:
 private:
     friend struct qora_pattern_access; // test seam: builds pattern sets by hand
 
+    void build_internal_pattern(pattern* p, const internal_tables& t);
     int load_pattern(pattern* p);
     int load_pattern_hex(pattern* p);
     int load_pattern_bin(pattern* p);

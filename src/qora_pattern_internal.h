@@ -149,6 +149,10 @@ std::string header_base_name(const std::string& header);
 // joined by ", "; returns the length written to `out` (at least 128 bytes).
 size_t format_items(char tok[16][3], char (*map)(char), char* out);
 
+// The tables of the built-in pattern a reserved name ("Test", "MaxPower")
+// selects; null for any other name.
+const internal_tables* internal_pattern(const std::string& name);
+
 // Allocation seam of the loaders, so tests can make allocations fail.
 extern void* (*pattern_malloc)(size_t size);
 extern void* (*pattern_realloc)(void* ptr, size_t size);

@@ -53,6 +53,13 @@ qoraPattern::qoraPattern(std::vector<std::string>& pattern_list, std::vector<std
         pattern* p = new pattern();
         p->file_name = entry;
         m_ptn_list.push_back(p);
+        // A reserved name ends construction: later patterns and the golden
+        // files are not loaded, the built-in golden stands in for them.
+        const internal_tables* builtin = internal_pattern(entry);
+        if (builtin != nullptr) {
+            build_internal_pattern(p, *builtin);
+            return;
+        }
         p->use_internal_ptn = false;
         p->buf = new buffer[MAX_DATA_NUM]();
         load_pattern(p);

@@ -199,3 +199,40 @@ TEST_F(RunMode, MiddlewareFailures)
 }
 
 } // namespace
+
+namespace {
+
+TEST_F(RunMode, BuiltInPatterns)
+{
+    const std::vector<RunCase> cases = {
+        {"Test", "", "-f Test", 0, {"] Get pattern : conv2d_uint8\n", "Verify pattern 1 times : success\n"},
+         {"korvexSession_cmdBufAlloc(session#1, 320, 256) = cb#4"}, {}},
+        {"MaxPower, twice: its masked cycle counter differs", "", "-f MaxPower -l 2", 0,
+         {"] Get pattern : max_pwr4_pi\n", "Verify pattern 2 times : success\n"}, {}, {}},
+        {"four code buffers on a core mask", "", "-f Test -t 4 -c 3 -l 2", 0, {"Verify pattern 2 times : success\n"},
+         {"korvexCmd_setDependencyPack(cmd#1, subcmd#1, subcmd#4) = 0",
+          "korvexSubCmd_setParam(subcmd#2, SC_PARAM_CORE_AFFINITY, 3) = 0"},
+         {"subcmd#3, SC_PARAM_CORE_AFFINITY"}},
+        {"a reserved name ends the lists", "", "-f Test -f missing.hex -g missing.bin", 0, {"success"}, {},
+         {"open file"}},
+        {"names are case-sensitive", "", "-f test", 1, {"Pattern file type: Fail\n"}, {}, {"Run command"}},
+    };
+    for (const RunCase& c : cases)
+        check(c);
+}
+
+// The built-in workloads' sources, checked against a corrupted golden: one
+// changed byte is reported.
+TEST_F(RunMode, CorruptedBuiltInGoldenFails)
+{
+    std::string out;
+    ASSERT_EQ(system((std::string(QORA_AUTHOR_CMD) + " " + dir).c_str()), 0);
+    std::string golden = read_file(dir + "/conv2d_uint8/golden.bin");
+    golden[1000] = (char)(golden[1000] ^ 1);
+    write_file(dir + "/bad.bin", golden);
+    EXPECT_EQ(run_player("-f " + dir + "/conv2d_uint8/pattern.hex -g " + dir + "/bad.bin", &out), 1);
+    EXPECT_NE(out.find("] index = 250, outout = "), std::string::npos) << out;
+    EXPECT_EQ(run_player("-f " + dir + "/conv2d_uint8/pattern.hex -g " + dir + "/conv2d_uint8/golden.bin", &out), 0);
+}
+
+} // namespace

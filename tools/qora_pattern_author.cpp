@@ -2,10 +2,13 @@
 // (code, data buffers, output, bindings) and its golden, computed by a plain
 // reference implementation of the workload, independent of the engine model.
 //
-//   qora_pattern_author <dir>   writes <dir>/conv_demo/pattern.hex and golden.hex
+//   qora_pattern_author <dir>   writes, below <dir>:
+//     conv_demo/        pattern.hex, golden.hex: a small convolution sample
+//     conv2d_uint8/     pattern.hex, golden.bin: the built-in "Test" pattern
+//     max_pwr4_pi_test/ pattern.hex, cmodel_output.hex: the built-in "MaxPower"
 //
-// conv_demo: a uint8 3x3 convolution (12x12x8 input, 16 output channels,
-// stride 1, padding 1) with int32 bias and requantisation.
+// Code layouts are fixed: address operands sit at the byte offsets the
+// built-in binding tables name, with NOPs between.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -14,10 +17,18 @@
 
 namespace {
 
-const int H = 12, W = 12, CIN = 8, COUT = 16, K = 3, STRIDE = 1, PAD = 1;
-const int OH = (H + 2 * PAD - K) / STRIDE + 1, OW = (W + 2 * PAD - K) / STRIDE + 1;
-const int32_t MULT = 77;
-const int SHIFT = 10, IN_ZP = 128, OUT_ZP = 10;
+// A uint8 convolution with int32 bias and requantisation (the engine's CONV).
+struct conv_params {
+    int h, w, cin, cout, k, stride, pad;
+    int32_t mult;
+    int shift, in_zp, out_zp;
+    int oh() const { return (h + 2 * pad - k) / stride + 1; }
+    int ow() const { return (w + 2 * pad - k) / stride + 1; }
+};
+
+const conv_params kDemo = {12, 12, 8, 16, 3, 1, 1, 77, 10, 128, 10};
+const conv_params kConv2d = {42, 42, 32, 32, 3, 1, 0, 45, 12, 100, 20};
+const conv_params kMaxPower = {50, 50, 16, 128, 3, 1, 0, 91, 11, 0, 5};
 
 // Deterministic bytes (a linear congruential sequence).
 std::vector<uint8_t> bytes(size_t n, uint32_t seed)
@@ -30,16 +41,18 @@ std::vector<uint8_t> bytes(size_t n, uint32_t seed)
     return v;
 }
 
-// Sixteen bytes a line, most significant first ("xxxxxxxx_xxxxxxxx_...").
-std::string hex_lines(const std::vector<uint8_t>& data)
+// Sixteen bytes a line, most significant first ("xxxxxxxx_xxxxxxxx_...");
+// nibbles of the bytes `masked` marks are written as "x".
+std::string hex_lines(const std::vector<uint8_t>& data, const std::vector<bool>& masked = {})
 {
     std::string text;
     char item[4];
     for (size_t at = 0; at < data.size(); at += 16) {
         for (int i = 15; i >= 0; i--) {
             size_t k = at + (size_t)i;
+            bool hidden = k < masked.size() && masked[k];
             snprintf(item, sizeof(item), "%02x", k < data.size() ? data[k] : 0);
-            text += item;
+            text += hidden ? "xx" : item;
             if (i % 4 == 0)
                 text += i == 0 ? "\n" : "_";
         }
@@ -57,37 +70,99 @@ std::vector<uint8_t> words(const std::vector<uint32_t>& w)
 }
 
 // The convolution from its definition: padding reads as the input zero point.
-std::vector<uint8_t> reference_conv(const std::vector<uint8_t>& in, const std::vector<uint8_t>& wt,
-                                    const std::vector<int32_t>& bias)
+std::vector<uint8_t> reference_conv(const conv_params& p, const std::vector<uint8_t>& in,
+                                    const std::vector<uint8_t>& wt, const std::vector<int32_t>& bias)
 {
-    std::vector<uint8_t> out((size_t)OH * OW * COUT);
-    for (int oy = 0; oy < OH; oy++)
-        for (int ox = 0; ox < OW; ox++)
-            for (int co = 0; co < COUT; co++) {
+    std::vector<uint8_t> out((size_t)p.oh() * p.ow() * p.cout);
+    for (int oy = 0; oy < p.oh(); oy++)
+        for (int ox = 0; ox < p.ow(); ox++)
+            for (int co = 0; co < p.cout; co++) {
                 int64_t acc = bias[co];
-                for (int ky = 0; ky < K; ky++)
-                    for (int kx = 0; kx < K; kx++)
-                        for (int ci = 0; ci < CIN; ci++) {
-                            int y = oy * STRIDE + ky - PAD, x = ox * STRIDE + kx - PAD;
-                            int v = (y < 0 || x < 0 || y >= H || x >= W) ? IN_ZP : in[(y * W + x) * CIN + ci];
-                            acc += (int64_t)(v - IN_ZP) * (int8_t)wt[((co * K + ky) * K + kx) * CIN + ci];
+                for (int ky = 0; ky < p.k; ky++)
+                    for (int kx = 0; kx < p.k; kx++)
+                        for (int ci = 0; ci < p.cin; ci++) {
+                            int y = oy * p.stride + ky - p.pad, x = ox * p.stride + kx - p.pad;
+                            int v = (y < 0 || x < 0 || y >= p.h || x >= p.w) ? p.in_zp
+                                                                               : in[((size_t)y * p.w + x) * p.cin + ci];
+                            acc += (int64_t)(v - p.in_zp) * (int8_t)wt[((size_t)(co * p.k + ky) * p.k + kx) * p.cin + ci];
                         }
-                int64_t q = ((acc * MULT + (1 << (SHIFT - 1))) >> SHIFT) + OUT_ZP;
-                out[((size_t)oy * OW + ox) * COUT + co] = (uint8_t)(q < 0 ? 0 : q > 255 ? 255 : q);
+                int64_t q = ((acc * p.mult + (1 << (p.shift - 1))) >> p.shift) + p.out_zp;
+                out[((size_t)oy * p.ow() + ox) * p.cout + co] = (uint8_t)(q < 0 ? 0 : q > 255 ? 255 : q);
             }
     return out;
 }
 
-// Code: load the operand registers, convolve, close the flow, end. The
-// address operands sit at byte offsets 4 (input), 12 (weights), 20 (bias)
-// and 28 (output); the binding table names them.
-std::vector<uint32_t> conv_code()
+// Instruction words (see docs/engine-model.md).
+uint32_t setr(uint32_t reg, uint32_t count = 1)
 {
-    auto setr = [](uint32_t reg) { return 0x0202u | reg << 16; };
-    return {setr(0),  0, setr(1), 0, setr(2),  0, setr(3), 0,
-            setr(8),  H | W << 16, setr(9), CIN | COUT << 16, setr(10),
-            K | K << 8 | STRIDE << 16 | PAD << 24, setr(11), (uint32_t)MULT, setr(12),
-            SHIFT | IN_ZP << 8 | OUT_ZP << 16, 0x0107u | 0x3210u << 16, 0x0108u | 1u << 16, 0, 0, 0, 0};
+    return 0x02u | (count + 1) << 8 | reg << 16;
+}
+uint32_t nop(uint32_t len)
+{
+    return 0x01u | len << 8;
+}
+uint32_t regs_op(uint32_t opcode, uint32_t a, uint32_t b = 0, uint32_t c = 0, uint32_t d = 0)
+{
+    return opcode | 1u << 8 | (a | b << 4 | c << 8 | d << 12) << 16;
+}
+const uint32_t kMove = 3, kFill = 4, kAdd8 = 5, kMax8 = 6, kConv = 7, kFlow = 8, kCycles = 9;
+const uint32_t kVlmUnits = 0x1D900000 >> 4;
+
+// Code laid out at fixed word positions; gaps become NOPs.
+struct code_layout {
+    std::vector<uint32_t> w;
+    size_t at = 0;
+    explicit code_layout(size_t words) : w(words, 0) {}
+    // Continues at word `pos`, padding the gap with one NOP.
+    code_layout& to(size_t pos)
+    {
+        if (pos > at)
+            w[at] = nop((uint32_t)(pos - at));
+        at = pos;
+        return *this;
+    }
+    code_layout& put(std::initializer_list<uint32_t> words)
+    {
+        for (uint32_t x : words)
+            w[at++] = x;
+        return *this;
+    }
+};
+
+std::vector<uint32_t> shape_words(const conv_params& p)
+{
+    return {setr(8, 5), (uint32_t)(p.h | p.w << 16), (uint32_t)(p.cin | p.cout << 16),
+            (uint32_t)(p.k | p.k << 8 | p.stride << 16 | p.pad << 24), (uint32_t)p.mult,
+            (uint32_t)(p.shift | p.in_zp << 8 | p.out_zp << 16)};
+}
+
+struct workload {
+    std::vector<uint8_t> in, wt;
+    std::vector<int32_t> bias;
+    std::vector<uint8_t> bias_bytes() const
+    {
+        std::vector<uint32_t> b(bias.begin(), bias.end());
+        return words(b);
+    }
+};
+
+workload make_workload(const conv_params& p, uint32_t seed)
+{
+    workload w{bytes((size_t)p.h * p.w * p.cin, seed), bytes((size_t)p.cout * p.k * p.k * p.cin, seed + 1), {}};
+    for (int i = 0; i < p.cout; i++)
+        w.bias.push_back((i * 977 + (int)seed) % 4001 - 2000);
+    return w;
+}
+
+std::vector<uint8_t> padded(std::vector<uint8_t> data, size_t size)
+{
+    data.resize(size, 0);
+    return data;
+}
+
+std::string block(const std::string& addr, const std::vector<uint8_t>& data)
+{
+    return "@" + addr + "\n" + hex_lines(data) + "\n";
 }
 
 bool write(const std::string& path, const std::string& text)
@@ -97,11 +172,87 @@ bool write(const std::string& path, const std::string& text)
         fprintf(stderr, "cannot write %s\n", path.c_str());
         return false;
     }
-    fputs(text.c_str(), fp);
+    fwrite(text.data(), 1, text.size(), fp);
     return fclose(fp) == 0;
 }
 
 } // namespace
+
+// conv_demo: a 12x12x8 input, 16 channels, stride 1, padding 1.
+bool write_conv_demo(const std::string& dir)
+{
+    const conv_params& p = kDemo;
+    workload w = make_workload(p, 1);
+    code_layout code(24);
+    code.put({setr(0), 0, setr(1), 0, setr(2), 0, setr(3), 0});
+    for (uint32_t x : shape_words(p))
+        code.put({x});
+    code.put({regs_op(kConv, 0, 1, 2, 3), kFlow | 1u << 8 | 1u << 16, 0});
+    std::string pattern = "// Output\n// @40009000 {" + std::to_string(p.oh() * p.ow() * p.cout) + "}\n// Data\n" +
+                          block("40000000", w.bias_bytes()) + block("40001000", w.in) + block("40002000", w.wt) +
+                          "// Code\n" + block("0", words(code.w)) +
+                          "// Binding\n// 4 @40001000\n// 12 @40002000\n// 20 @40000000\n// 28 @40009000\n";
+    std::string golden = "@40009000\n" + hex_lines(reference_conv(p, w.in, w.wt, w.bias));
+    return write(dir + "/pattern.hex", pattern) && write(dir + "/golden.hex", golden);
+}
+
+// conv2d_uint8 ("Test"): a 42x42x32 image (at the start of its 230400-byte
+// buffer), 32 output channels, valid 3x3 convolution: 40x40x32 = 51200 bytes.
+// Address operands at bytes 68 (bias), 112 (weights), 148 (input), 272 (output).
+bool write_conv2d_uint8(const std::string& dir)
+{
+    const conv_params& p = kConv2d;
+    workload w = make_workload(p, 7);
+    code_layout code(80);
+    code.to(16).put({setr(2), 0});
+    for (uint32_t x : shape_words(p))
+        code.put({x});
+    code.to(27).put({setr(1), 0}).to(36).put({setr(0), 0}).to(67).put({setr(3), 0});
+    code.put({regs_op(kConv, 0, 1, 2, 3), kFlow | 1u << 8 | 1u << 16, 0});
+    std::string pattern = "// Output\n// @40041000 {51200}\n// acx0_qora0_cmda_length_00000020\n// Code\n" +
+                          block("0", words(code.w)) + "// Data\n" + block("40000000", w.bias_bytes()) +
+                          block("40005000", padded(w.in, 230400)) + block("40001000", w.wt) +
+                          "// Binding\n// 68 @40000000\n// 112 @40001000\n// 148 @40005000\n// 272 @40041000\n";
+    std::vector<uint8_t> golden = reference_conv(p, w.in, w.wt, w.bias);
+    std::string raw(golden.begin(), golden.end());
+    return write(dir + "/pattern.hex", pattern) && write(dir + "/golden.bin", raw);
+}
+
+// max_pwr4_pi_test ("MaxPower"): every unit busy: DMA into the on-chip
+// memory, vector add and max, two 50x50x16 -> 48x48x128 convolutions, one
+// flow after each stage, and the cycle counter written over the first 8
+// output bytes (masked in the golden). Address operands at bytes 72 (bias),
+// 168 (input), 228 (weights), 432 and 436 (vector operands), 604 (output).
+bool write_max_pwr4_pi_test(const std::string& dir)
+{
+    const conv_params& p = kMaxPower;
+    workload w = make_workload(p, 11);
+    std::vector<uint8_t> vec = bytes(256, 5);
+    code_layout code(168);
+    code.to(17).put({setr(2), 0});
+    for (uint32_t x : shape_words(p))
+        code.put({x});
+    // r6: the bias copy in on-chip memory, r7: 256 bytes of scratch after it.
+    code.put({setr(6, 2), kVlmUnits, kVlmUnits + 0x20, setr(13), 512, regs_op(kMove, 6, 2, 13), setr(14), 256,
+              regs_op(kFill, 7, 14, 14), kFlow | 1u << 8 | 1u << 16});
+    code.to(41).put({setr(0), 0}).to(56).put({setr(1), 0}).to(107).put({setr(4, 2), 0, 0});
+    code.put({regs_op(kAdd8, 7, 4, 5, 14), regs_op(kMax8, 7, 7, 4, 14), kFlow | 1u << 8 | 2u << 16});
+    code.to(150).put({setr(3), 0});
+    code.put({regs_op(kConv, 0, 1, 2, 3), kFlow | 1u << 8 | 3u << 16, regs_op(kConv, 0, 1, 2, 3),
+              kFlow | 1u << 8 | 4u << 16, regs_op(kCycles, 3), kFlow | 1u << 8 | 5u << 16, 0});
+    std::string pattern = "// Output\n// @40100000 {294912}\n// acx0_qora0_cmda_length_00000041\n// Code\n" +
+                          block("0", words(code.w)) + "// Data\n" + block("40000000", w.bias_bytes()) +
+                          block("40008000", padded(w.in, 663552)) + block("40001000", w.wt) +
+                          block("40006000", vec) +
+                          "// Binding\n// 72 @40000000\n// 168 @40008000\n// 228 @40001000\n// 432 @40006000\n"
+                          "// 436 @40006000\n// 604 @40100000\n";
+    std::vector<uint8_t> out = reference_conv(p, w.in, w.wt, w.bias);
+    std::vector<bool> masked(out.size(), false);
+    for (int i = 0; i < 8; i++)
+        masked[i] = true; // the cycle counter
+    std::string golden = "@40100000\n" + hex_lines(out, masked);
+    return write(dir + "/pattern.hex", pattern) && write(dir + "/cmodel_output.hex", golden);
+}
 
 int main(int argc, char** argv)
 {
@@ -109,22 +260,13 @@ int main(int argc, char** argv)
         fprintf(stderr, "usage: %s <output directory>\n", argv[0]);
         return 2;
     }
-    std::string dir = std::string(argv[1]) + "/conv_demo";
-    std::string mkdir = "mkdir -p '" + dir + "'";
-    if (system(mkdir.c_str()) != 0)
-        return 1;
-    std::vector<uint8_t> in = bytes((size_t)H * W * CIN, 1);
-    std::vector<uint8_t> wt = bytes((size_t)COUT * K * K * CIN, 2);
-    std::vector<int32_t> bias(COUT);
-    std::vector<uint32_t> bias_words;
-    for (int i = 0; i < COUT; i++) {
-        bias[i] = (i * 977) % 4001 - 2000;
-        bias_words.push_back((uint32_t)bias[i]);
+    std::string root = argv[1];
+    for (const char* sub : {"conv_demo", "conv2d_uint8", "max_pwr4_pi_test"}) {
+        std::string mkdir = "mkdir -p '" + root + "/" + sub + "'";
+        if (system(mkdir.c_str()) != 0)
+            return 1;
     }
-    std::string pattern = "// Output\n// @40009000 {" + std::to_string(OH * OW * COUT) + "}\n" +
-                          "// Data\n@40000000\n" + hex_lines(words(bias_words)) + "\n@40001000\n" + hex_lines(in) +
-                          "\n@40002000\n" + hex_lines(wt) + "\n// Code\n@0\n" + hex_lines(words(conv_code())) +
-                          "\n// Binding\n// 4 @40001000\n// 12 @40002000\n// 20 @40000000\n// 28 @40009000\n";
-    std::string golden = "@40009000\n" + hex_lines(reference_conv(in, wt, bias));
-    return write(dir + "/pattern.hex", pattern) && write(dir + "/golden.hex", golden) ? 0 : 1;
+    bool ok = write_conv_demo(root + "/conv_demo") && write_conv2d_uint8(root + "/conv2d_uint8") &&
+              write_max_pwr4_pi_test(root + "/max_pwr4_pi_test");
+    return ok ? 0 : 1;
 }

@@ -164,26 +164,34 @@ static bool is_packed(const korvex_cmd* cmd, const korvex_subcmd* sub)
     return false;
 }
 
-// Packed sub-commands run together, each on a core of its own; the others
-// run one after another on the lowest core they may use.
+// Packed sub-commands run together, each on a core of its own; when the
+// cores they may use are all taken, the rest of the pack waits for the next
+// round. The others run one after another on the lowest core they may use.
 int run_command(korvex_cmd* cmd, uint32_t cores)
 {
-    uint32_t busy_in_pack = 0;
-    uint32_t elapsed_us = 0;
+    uint32_t busy_in_round = 0;
+    uint32_t round_start_us = 0, round_us = 0, elapsed_us = 0;
     bool all_ok = cores > 0;
     for (korvex_subcmd* sub : cmd->subs) {
         bool packed = is_packed(cmd, sub);
-        uint32_t free_cores = allowed_cores(sub, cores) & (packed ? ~busy_in_pack : ~0u);
-        if (free_cores == 0) {
+        uint32_t allowed = allowed_cores(sub, cores);
+        if (allowed == 0) {
             all_ok = false;
             continue;
         }
-        uint32_t core = (uint32_t)__builtin_ctz(free_cores);
-        if (packed)
-            busy_in_pack |= 1u << core;
-        all_ok = run_subcmd(sub, core, packed ? 0 : elapsed_us) && all_ok;
-        if (!packed)
+        if (packed && (allowed & ~busy_in_round) == 0) {
+            busy_in_round = 0; // a new round starts when the last one ends
+            round_start_us += round_us;
+            round_us = 0;
+        }
+        uint32_t core = (uint32_t)__builtin_ctz(packed ? allowed & ~busy_in_round : allowed);
+        all_ok = run_subcmd(sub, core, packed ? round_start_us : elapsed_us) && all_ok;
+        if (packed) {
+            busy_in_round |= 1u << core;
+            round_us = std::max(round_us, (uint32_t)sub->ip_us);
+        } else {
             elapsed_us += (uint32_t)sub->ip_us;
+        }
     }
     return all_ok ? 0 : -1;
 }

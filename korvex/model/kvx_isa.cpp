@@ -43,11 +43,14 @@ static bool exec_nop(isa_context&, const decoded&)
     return true;
 }
 
+// SETR: r[a], r[a+1], ... = the operand words, one register each.
 static bool exec_setr(isa_context& c, const decoded& d)
 {
-    if (d.operand_count != 1)
+    uint32_t first = field(d.imm, 0);
+    if (d.operand_count == 0 || first + d.operand_count > 16)
         return false;
-    c.r[field(d.imm, 0)] = d.operands[0];
+    for (uint32_t i = 0; i < d.operand_count; i++)
+        c.r[first + i] = d.operands[i];
     return true;
 }
 
