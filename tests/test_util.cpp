@@ -38,7 +38,7 @@ int call_entry(const std::vector<std::string>& args, std::string* out)
 int run_player(const std::string& args, std::string* out, bool with_stderr, const std::string& env)
 {
 #ifdef QORA_SANITIZER_ENV
-    std::string settings = std::string(QORA_SANITIZER_ENV) + " " + env;
+    std::string settings = env + " " + std::string(QORA_SANITIZER_ENV);
 #else
     const std::string& settings = env;
 #endif

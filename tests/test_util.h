@@ -16,7 +16,8 @@ std::string capture_stdout(const std::function<void()>& fn);
 int call_entry(const std::vector<std::string>& args, std::string* out);
 
 // Runs the qora_player executable in a shell command line; returns its exit
-// code and stores its standard output (and error, when asked).
+// code and stores its standard output (and error, when asked). `env` goes to
+// env(1) first: options such as "-C dir", then NAME=VALUE settings.
 int run_player(const std::string& args, std::string* out, bool with_stderr = false, const std::string& env = "");
 
 // Puts every test-driver setting back to its default.
