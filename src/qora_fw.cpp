@@ -1,7 +1,248 @@
-// Firmware ELF to C header converter (not built yet).
+// Firmware converter: a 32-bit little-endian ELF image into a C header of
+// its boot section and its main sections (addresses 0x1900xxxx).
 #include "qora_fw.h"
 
-int qoraFirmware::convert_fw_elf_to_hdr(const std::string&)
+#include <elf.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+static const uint32_t kMaxSectionBytes = 0x40000; // longer sections are cut
+static const char kBootName[] = ".qora_boot";
+
+static void write_text(FILE* out, const char* func, const char* text, size_t n)
 {
-    return -1;
+    if (fwrite(text, 1, n, out) != n)
+        printf("%s():%d fwrite error\n", func, __LINE__);
+}
+
+static void write_format(FILE* out, const char* func, const char* fmt, uint32_t a, uint32_t b, uint32_t c)
+{
+    char text[256];
+    int n = snprintf(text, sizeof(text), fmt, a, b, c);
+    if (n < 0 || (size_t)n >= sizeof(text)) {
+        printf("%s():%d snprintf fail\n", func, __LINE__);
+        return;
+    }
+    write_text(out, func, text, (size_t)n);
+}
+
+// Rows of 16 "0x%02x" items for `size` bytes from the input's position,
+// then "};\n" right after the last byte.
+static void convert_fw_code(FILE* input_fp, FILE* output_fp, int size)
+{
+    static const char digits[] = "0123456789abcdef";
+    uint32_t left = size < 1 ? 0 : (uint32_t)size > kMaxSectionBytes ? kMaxSectionBytes : (uint32_t)size;
+    bool first = true;
+    while (left > 0) {
+        if (!first)
+            write_text(output_fp, "convert_fw_code", ",\n", 2);
+        first = false;
+        uint8_t bytes[16] = {0};
+        size_t want = left < 16 ? left : 16;
+        size_t got = fread(bytes, 1, want, input_fp);
+        if (got == 0)
+            break;
+        char row[16 * 6];
+        for (int i = 0; i < 16; i++) {
+            char* item = row + 6 * i;
+            memcpy(item, "0x", 2);
+            item[2] = digits[bytes[i] >> 4];
+            item[3] = digits[bytes[i] & 15];
+            memcpy(item + 4, ", ", 2);
+        }
+        write_text(output_fp, "convert_fw_code", row, 6 * (got < 16 ? got : 16) - 2);
+        if (got < 16)
+            break;
+        left -= 16;
+    }
+    write_text(output_fp, "convert_fw_code", "};\n", 3);
+}
+
+// "qora_fw.h" for a bare file name, else "<dir>/qora_fw_<last dir>.h" with
+// every '.' of the directory's name turned into 'p'.
+static std::string header_name(const std::string& file)
+{
+    size_t slash = file.rfind('/');
+    if (slash == std::string::npos)
+        return "qora_fw.h";
+    std::string dir = file.substr(0, slash);
+    size_t parent = dir.rfind('/');
+    std::string last = parent == std::string::npos ? dir : dir.substr(parent + 1);
+    for (char& c : last)
+        if (c == '.')
+            c = 'p';
+    return dir + "/qora_fw_" + last + ".h";
+}
+
+static void close_file(FILE* fp)
+{
+    if (fclose(fp) != 0)
+        printf("%s():%d fclose error\n", "convert_fw_elf_to_hdr", __LINE__);
+}
+
+// The open files and the section table of one conversion.
+struct fw_job {
+    FILE* in;
+    FILE* out;
+    uint8_t* block; // e_shnum headers, then one selection flag per section
+    uint16_t shnum;
+
+    int fail()
+    {
+        free(block);
+        close_file(out);
+        close_file(in);
+        return -1;
+    }
+    Elf32_Shdr header(uint32_t i) const
+    {
+        Elf32_Shdr sh;
+        memcpy(&sh, block + (size_t)i * sizeof(Elf32_Shdr), sizeof(sh));
+        return sh;
+    }
+    uint8_t* flags() const { return block + (size_t)shnum * sizeof(Elf32_Shdr); }
+};
+
+static bool seek_to(FILE* fp, uint32_t offset, int line)
+{
+    if (fseek(fp, (long)offset, SEEK_SET) == 0)
+        return true;
+    printf("Reposition fail %d\n", line);
+    return false;
+}
+
+// Index of the ".qora_boot" section: the number of names before it in the
+// name table (one name per section, in section order). -1 on a read error,
+// -2 when no such name is within the table.
+static int find_boot_section(FILE* in, uint32_t table_size)
+{
+    char name[32];
+    size_t len = 0;
+    int index = 0;
+    for (uint32_t i = 0; i < table_size; i++) {
+        int c = fgetc(in);
+        if (c == EOF) {
+            if (ferror(in)) {
+                puts("fgetc error!!");
+                clearerr(in);
+                return -1;
+            }
+            break;
+        }
+        if (c != 0) {
+            if (len < sizeof(name) - 1) // longer names are cut, never overrun
+                name[len++] = (char)c;
+            continue;
+        }
+        name[len] = '\0';
+        if (strncmp(name, kBootName, sizeof(kBootName) - 1) == 0)
+            return index;
+        index++;
+        len = 0;
+    }
+    return -2;
+}
+
+static void write_table(FILE* out, const fw_job& job)
+{
+    const char* func = "convert_fw_elf_to_hdr";
+    static const char head[] = "\nstruct {\n    unsigned char *data;\n    unsigned int size;\n    unsigned int ofs;\n"
+                               "} rv_main_section[] = {\n";
+    write_text(out, func, head, sizeof(head) - 1);
+    for (uint32_t i = 0; i < job.shnum; i++) {
+        if (!job.flags()[i])
+            continue;
+        uint32_t addr = job.header(i).sh_addr;
+        write_format(out, func, "    {rv_%08x, sizeof(rv_%08x), 0x%x},\n", addr, addr, addr & 0xFFFF);
+    }
+    static const char tail[] = "    {NULL, 0, 0}\n};\n";
+    write_text(out, func, tail, sizeof(tail) - 1);
+}
+
+int qoraFirmware::convert_fw_elf_to_hdr(const std::string& file)
+{
+    FILE* in = fopen(file.c_str(), "rb");
+    if (in == nullptr) {
+        printf("open file(%s) error\n", file.c_str());
+        return -1;
+    }
+    Elf32_Ehdr eh;
+    const char* refusal = nullptr;
+    if (fread(&eh, 1, sizeof(eh), in) != sizeof(eh))
+        refusal = "read header fail";
+    else if (memcmp(eh.e_ident, ELFMAG, SELFMAG) != 0)
+        refusal = "Not an ELF file - it has the wrong magic bytes at the start";
+    else if (eh.e_ident[EI_DATA] != ELFDATA2LSB)
+        refusal = "Only support LSB data!!";
+    if (refusal != nullptr) {
+        puts(refusal);
+        close_file(in);
+        return -1;
+    }
+    std::string out_name = header_name(file);
+    FILE* out = fopen(out_name.c_str(), "w");
+    if (out == nullptr) {
+        printf("open file(%s) error \n", out_name.c_str());
+        close_file(in);
+        return -1;
+    }
+    fw_job job{in, out, nullptr, eh.e_shnum};
+    if (eh.e_shentsize != sizeof(Elf32_Shdr) || eh.e_shnum >= 31) {
+        printf("shentsize(%d) or shnum(%d) value is abnormal\n", eh.e_shentsize, eh.e_shnum);
+        return job.fail();
+    }
+    job.block = (uint8_t*)malloc((size_t)eh.e_shnum * (sizeof(Elf32_Shdr) + 1));
+    if (job.block == nullptr) {
+        puts("Allocate memory fail!!");
+        return job.fail();
+    }
+    memset(job.flags(), 0, eh.e_shnum);
+    if (!seek_to(in, eh.e_shoff, 154))
+        return job.fail();
+    uint32_t names_offset = 0, names_size = 0;
+    for (uint32_t i = 0; i < eh.e_shnum; i++) {
+        uint8_t* slot = job.block + (size_t)i * sizeof(Elf32_Shdr);
+        if (fread(slot, 1, sizeof(Elf32_Shdr), in) != sizeof(Elf32_Shdr)) {
+            puts("read shdr fail");
+            return job.fail();
+        }
+        Elf32_Shdr sh = job.header(i);
+        if (i == eh.e_shstrndx) {
+            names_offset = sh.sh_offset;
+            names_size = sh.sh_size;
+        }
+        job.flags()[i] = (sh.sh_addr >> 16) == 0x1900 && sh.sh_type != SHT_NOBITS;
+    }
+    if (!seek_to(in, names_offset, 174))
+        return job.fail();
+    int boot = find_boot_section(in, names_size);
+    if (boot == -1)
+        return job.fail();
+    if (boot < 0 || boot >= eh.e_shnum) {
+        printf("no %s section in %s\n", kBootName, file.c_str());
+        return job.fail();
+    }
+    Elf32_Shdr boot_sh = job.header((uint32_t)boot);
+    if (!seek_to(in, boot_sh.sh_offset, 203))
+        return job.fail();
+    static const char boot[] = "unsigned char rv_boot[] = {\n";
+    write_text(out, "convert_fw_elf_to_hdr", boot, sizeof(boot) - 1);
+    convert_fw_code(in, out, (int)boot_sh.sh_size);
+    for (uint32_t i = 0; i < eh.e_shnum; i++) {
+        if (!job.flags()[i])
+            continue;
+        Elf32_Shdr sh = job.header(i);
+        if (!seek_to(in, sh.sh_offset, 215))
+            return job.fail();
+        write_format(out, "convert_fw_elf_to_hdr", "\nunsigned char rv_%08x[] = {\n", sh.sh_addr, 0, 0);
+        convert_fw_code(in, out, (int)sh.sh_size);
+    }
+    write_table(out, job);
+    free(job.block);
+    close_file(out);
+    close_file(in);
+    printf("Generate  %s\n", out_name.c_str());
+    return 0;
 }
