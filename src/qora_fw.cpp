@@ -227,8 +227,8 @@ int qoraFirmware::convert_fw_elf_to_hdr(const std::string& file)
     Elf32_Shdr boot_sh = job.header((uint32_t)boot);
     if (!seek_to(in, boot_sh.sh_offset, 203))
         return job.fail();
-    static const char boot[] = "unsigned char rv_boot[] = {\n";
-    write_text(out, "convert_fw_elf_to_hdr", boot, sizeof(boot) - 1);
+    static const char boot_head[] = "unsigned char rv_boot[] = {\n";
+    write_text(out, "convert_fw_elf_to_hdr", boot_head, sizeof(boot_head) - 1);
     convert_fw_code(in, out, (int)boot_sh.sh_size);
     for (uint32_t i = 0; i < eh.e_shnum; i++) {
         if (!job.flags()[i])
