@@ -237,12 +237,12 @@ static void load_comment(char* str, int str_len, pattern* p, std::vector<output*
 // First blocks of buffers. Code bytes are never released by the pattern
 // set (as the player has always done); a function of their own lets the
 // leak checker tell them apart.
-static uint8_t* alloc_code_block()
+__attribute__((noinline)) static uint8_t* alloc_code_block()
 {
     return (uint8_t*)pattern_malloc(kBufferStart);
 }
 
-static uint8_t* alloc_data_block()
+__attribute__((noinline)) static uint8_t* alloc_data_block()
 {
     return (uint8_t*)pattern_malloc(kBufferStart);
 }

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <map>
+#include <sstream>
 
 #include "test_util.h"
 
@@ -233,6 +235,47 @@ TEST_F(RunMode, CorruptedBuiltInGoldenFails)
     EXPECT_EQ(run_player("-f " + dir + "/conv2d_uint8/pattern.hex -g " + dir + "/bad.bin", &out), 1);
     EXPECT_NE(out.find("] index = 250, outout = "), std::string::npos) << out;
     EXPECT_EQ(run_player("-f " + dir + "/conv2d_uint8/pattern.hex -g " + dir + "/conv2d_uint8/golden.bin", &out), 0);
+}
+
+} // namespace
+
+namespace {
+
+// Fails every middleware call of one run in turn, the first, second, ... call
+// of each operation: the player must end with 0 or 1 (never a crash or a
+// sanitizer report), and with the result each operation's failure calls for.
+TEST_F(RunMode, FaultSweep)
+{
+    const std::string args = "-f " + dir + "/two.hex -g " + dir + "/gold.hex -b 100 --delay_off 3 -p 101 -d 4 -l 2";
+    std::string trace = dir + "/sweep.txt";
+    std::string out;
+    ASSERT_EQ(run_player(args, &out, false, "KVX_MODEL_TRACE=" + trace), 0) << out;
+    std::map<std::string, int> calls;
+    std::istringstream lines(read_file(trace));
+    for (std::string l; std::getline(lines, l);)
+        calls[l.substr(0, l.find('('))]++;
+    // Operations whose failure always ends the run, and those only warned about.
+    const std::map<std::string, int> result = {
+        {"korvexSession_createInstance", 1}, {"korvexSession_memAlloc", 1},
+        {"korvexSession_createCmd", 1},      {"korvexCmd_createSubcmd", 1},       {"korvexSubCmd_addCmdBuf", 1},
+        {"korvexCmd_build", 1},              {"korvexCmd_run", 1},                {"korvexCmd_setParam", 0},
+        {"korvexSubCmd_setParam", 0},        {"korvexSubCmd_getRunInfo", 0},      {"korvexSession_memInvalidate", 0},
+        {"korvexSession_deleteCmd", 0},      {"korvexSession_memFree", 0},        {"korvexSession_cmdBufFree", 0},
+        {"korvexSession_deleteInstance", 0}, {"korvexCmd_setDependencyPack", 0},
+    };
+    int runs = 0;
+    for (const auto& op : calls) {
+        for (int n = 1; n <= op.second; n++, runs++) {
+            std::string what = op.first + ":" + std::to_string(n);
+            int rc = run_player(args, &out, false, "KVX_MODEL_FAIL=" + what);
+            EXPECT_TRUE(rc == 0 || rc == 1) << what << " ended with " << rc;
+            auto expected = result.find(op.first);
+            if (expected != result.end()) {
+                EXPECT_EQ(rc, expected->second) << what << "\n" << out;
+            }
+        }
+    }
+    EXPECT_GT(runs, 60);
 }
 
 } // namespace

@@ -3,7 +3,7 @@
 # QORA_CROSS=1 adds the AArch64 cross toolchain and qemu-user; QORA_FUZZ_DEPS=1
 # adds clang and its sanitizer and libFuzzer runtimes.
 set -euo pipefail
-packages=(cmake g++ make libgtest-dev googletest libbenchmark-dev binutils-riscv64-unknown-elf)
+packages=(cmake g++ make libgtest-dev googletest libbenchmark-dev binutils-riscv64-unknown-elf time)
 if [ "${QORA_CROSS:-0}" = 1 ]; then
   packages+=(g++-aarch64-linux-gnu qemu-user)
 fi
