@@ -82,7 +82,7 @@ protected:
         std::string trace = dir + "/trace.txt";
         remove(trace.c_str());
         std::string out;
-        int rc = run_player(c.args, &out, false, "KVX_MODEL_TRACE=" + trace + " " + c.env);
+        int rc = run_player(c.args, &out, false, c.env + " KVX_MODEL_TRACE=" + trace);
         std::string calls = read_file(trace);
         EXPECT_EQ(rc, c.rc) << c.what << "\n" << out;
         for (const std::string& text : c.printed)
@@ -276,6 +276,61 @@ TEST_F(RunMode, FaultSweep)
         }
     }
     EXPECT_GT(runs, 60);
+}
+
+} // namespace
+
+namespace {
+
+// The remaining warnings and verdicts, each from the situation that causes it.
+TEST_F(RunMode, WarningsAndVerdicts)
+{
+    // Code that finishes flow 7, then meets an unknown opcode.
+    write_file(dir + "/fault.hex", "// Output\n// @40009000 {32}\n// Data\n@40000000\n" + kInput +
+                                       "\n// Code\n@0\n" + line(0x070108, 0x1F7, 0, 0) + "\n");
+    write_file(dir + "/no_out.hex", "@40000000\n" + kInput + "\n");
+    write_file(dir + "/short.bin", std::string("\x00\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d\x0e\x0f", 16));
+    write_file(dir + "/gold2.hex", "@40009000\n" + kInput + "@40009000\n" + kInput);
+    write_file(dir + "/two_out.hex", copy_pattern(1, false) + "// Output\n// @4000A000 {32}\n");
+    write_file(dir + "/gold_b.hex", "@4000A000\n" + kInput);
+    const std::string copy = "-f " + dir + "/copy.hex -g " + dir + "/gold.hex ";
+    const std::string vlm = "-f " + dir + "/vlm.hex -g " + dir + "/gold.hex ";
+    const std::string two = "-f " + dir + "/two.hex -g " + dir + "/gold.hex ";
+    auto fail = [](const char* op_n) { return std::string("KVX_MODEL_FAIL=") + op_n; };
+    const std::vector<RunCase> cases = {
+        {"a faulting code", "", "-f " + dir + "/fault.hex -d 5", 1,
+         {"] res: core0, last finished flow id = 7 (abort/halt?)\n", "] res: core0, irq hint = 0x8001\n",
+          "] execute   = ", "] ran on core0\n", "] Command Fail!! (-1)\n"},
+         {}, {}},
+        {"no output declared", "", "-f " + dir + "/no_out.hex", 1, {"] Pattern has no output information\n"}, {}, {}},
+        {"a short golden", "", "-f " + dir + "/copy.hex -g " + dir + "/short.bin", 0,
+         {"] golde size(0x10) != output size(0x20)\n", "success"}, {}, {}},
+        {"more golden regions than outputs", "", "-f " + dir + "/copy.hex -g " + dir + "/gold2.hex", 0,
+         {"] golden number(2) dismatch (output num = 1)\n", "Run pattern 1 times : done (doesn't compare golden)"}, {}, {}},
+        {"the first of two outputs fails", "", "-f " + dir + "/two_out.hex -g " + dir + "/bad.hex -g " + dir + "/gold_b.hex",
+         1, {"] output-0 fail\n", "] output-1 fail\n"}, {}, {}},
+        {"VLM usage refused", fail("korvexSubCmd_setParam:1"), vlm, 0, {"] setParam VLM usage: Fail\n", "success"}, {}, {}},
+        {"turbo refused", fail("korvexSubCmd_setParam:1"), copy + "-b 120", 0, {"] setParam turbo boost: Fail\n"}, {}, {}},
+        {"affinity refused", fail("korvexSubCmd_setParam:1"), copy + "-c 1", 0, {"] setParam core affinity: Fail\n"}, {}, {}},
+        {"soft limit refused", fail("korvexCmd_setParam:1"), copy + "-o 5", 0, {"] setParam soft limit: Fail\n"}, {}, {}},
+        {"hard limit refused", fail("korvexCmd_setParam:1"), copy + "-a 5", 0, {"] setParam hard limit: Fail\n"}, {}, {}},
+        {"performance mode refused", fail("korvexCmd_setParam:1"), copy + "--perf_mode", 0,
+         {"] setParam performance mode: Fail\n"}, {}, {}},
+        {"VLM context and pack refused", fail("korvexSubCmd_setParam:2,korvexCmd_setDependencyPack:1"), two, 0,
+         {"] setParam SC_PARAM_VLM_CTX: Fail\n", "] setDependencyPack : Fail\n"}, {}, {}},
+        {"no shared memory either: the code reaches the on-chip memory itself",
+         "KVX_MODEL_NO_VLM=1 " + fail("korvexSession_memAlloc:4"), vlm, 0,
+         {"] get vlm fail!!\n", "] alloc share mem FAIL\n", "success"}, {}, {"VLM_USAGE"}},
+        {"the dump cannot be written", "", "-f " + dir + "/copy.hex -g " + dir + "/bad.hex --dump_output", 1,
+         {"] open file(output0_0.bin) error\n"}, {}, {}},
+    };
+    // The dump goes to the working directory: make it unwritable there.
+    (void)!system(("mkdir -p '" + dir + "/output0_0.bin'").c_str());
+    for (RunCase c : cases) {
+        if (std::string(c.what) == "the dump cannot be written")
+            c.env = "-C " + dir;
+        check(c);
+    }
 }
 
 } // namespace
