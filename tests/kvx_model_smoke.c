@@ -1,0 +1,115 @@
+/* The engine model from a plain C program: a buffer copy and a small
+ * convolution, with timings and PMU counts. Exits 0 when all is right. */
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "korvex.h"
+
+#define CHECK(cond)                                                  \
+    do {                                                             \
+        if (!(cond)) {                                               \
+            fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #cond); \
+            return 1;                                                \
+        }                                                            \
+    } while (0)
+
+struct __attribute__((packed)) pmu_info {
+    uint32_t result_buf_size;
+    uint8_t pmu_mode, number_of_event;
+    uint16_t event[14];
+};
+
+static uint32_t unit(korvex_session_t* s, void* p)
+{
+    return (uint32_t)korvexSession_memGetInfoFromHostPtr(s, p, KORVEX_MEM_INFO_GET_DEVICE_VA) >> 4;
+}
+
+static void* dram(korvex_session_t* s, unsigned int size)
+{
+    return korvexSession_memAlloc(s, size, 4096, KORVEX_MEM_TYPE_DRAM, 2);
+}
+
+int main(void)
+{
+    korvex_session_t* s = korvexSession_createInstance();
+    CHECK(s != NULL && korvexSession_queryDeviceNum(s, KORVEX_DEVICE_QORA) == 2);
+    uint8_t* src = dram(s, 64);
+    uint8_t* dst = dram(s, 64);
+    uint8_t* in = dram(s, 4 * 4 * 2);     /* 4x4 image, 2 channels */
+    int8_t* wt = dram(s, 2 * 3 * 3 * 2);  /* 2 output channels, 3x3 */
+    int32_t* bias = dram(s, 2 * 4);
+    uint8_t* out = dram(s, 4 * 4 * 2);
+    for (int i = 0; i < 64; i++)
+        src[i] = (uint8_t)(i * 3);
+    for (int i = 0; i < 32; i++)
+        in[i] = (uint8_t)i;
+    for (int i = 0; i < 36; i++)
+        wt[i] = (int8_t)(i % 5 - 2);
+    bias[0] = 10;
+    bias[1] = -10;
+    void* bufs[] = {src, in, wt, bias};
+    for (int i = 0; i < 4; i++)
+        CHECK(korvexSession_memFlush(s, bufs[i]) == 0);
+
+    uint32_t code[] = {
+        0x0202, unit(s, dst), 0x10202, unit(s, src), 0x20202, 64, 0x02100103,          /* MOVE */
+        0x0202, unit(s, in), 0x10202, unit(s, wt), 0x20202, unit(s, bias), 0x30202, unit(s, out),
+        0x80602, 4 | 4 << 16, 2 | 2 << 16, 3 | 3 << 8 | 1 << 16 | 1 << 24, 1, 0,     /* shape, x1, shift 0 */
+        0x32100107, 0x10108, 0,                                                       /* CONV, FLOW 1, END */
+    };
+    uint32_t* info = korvexSession_cmdBufAlloc(s, 32, 256);
+    uint32_t* res = korvexSession_cmdBufAlloc(s, 16, 256);
+    uint32_t* cb = korvexSession_cmdBufAlloc(s, sizeof(code), 256);
+    uint32_t* player = korvexSession_cmdBufAlloc(s, 36, 256);
+    struct pmu_info* pmu = korvexSession_cmdBufAlloc(s, 34, 256);
+    uint32_t* pmu_res = korvexSession_cmdBufAlloc(s, 6, 256);
+    uint32_t* pmu_buf = korvexSession_cmdBufAlloc(s, 64, 0x100000);
+    memcpy(cb, code, sizeof(code));
+    info[1] = 0x59414C50; /* "PLAY" */
+    info[2] = 4;
+    info[3] = 5;
+    info[4] = 6;
+    info[5] = 3;
+    pmu->result_buf_size = 64;
+    pmu->number_of_event = 2;
+    pmu->event[0] = 0x1708;
+    pmu->event[1] = 0x1002;
+    void* cmdbufs[] = {info, res, cb, player, pmu, pmu_res, pmu_buf};
+    korvex_cb_direction dirs[] = {KORVEX_CB_IN, KORVEX_CB_OUT, KORVEX_CB_IN, KORVEX_CB_BIDIRECTIONAL,
+                                  KORVEX_CB_IN, KORVEX_CB_OUT, KORVEX_CB_OUT};
+    korvex_cmd_t* cmd = korvexSession_createCmd(s);
+    korvex_subcmd_t* sub = korvexCmd_createSubcmd(cmd, KORVEX_DEVICE_QORA);
+    for (int i = 0; i < 7; i++) {
+        CHECK(korvexSession_memFlush(s, cmdbufs[i]) == 0);
+        CHECK(korvexSubCmd_addCmdBuf(sub, cmdbufs[i], dirs[i]) == 0);
+    }
+    CHECK(korvexCmd_build(cmd) == 0);
+    CHECK(korvexCmd_run(cmd) == 0);
+
+    CHECK(memcmp(dst, src, 64) == 0);
+    for (int oy = 0; oy < 4; oy++)
+        for (int ox = 0; ox < 4; ox++)
+            for (int co = 0; co < 2; co++) {
+                int32_t acc = bias[co];
+                for (int ky = 0; ky < 3; ky++)
+                    for (int kx = 0; kx < 3; kx++)
+                        for (int ci = 0; ci < 2; ci++) {
+                            int y = oy + ky - 1, x = ox + kx - 1;
+                            if (y >= 0 && x >= 0 && y < 4 && x < 4)
+                                acc += in[(y * 4 + x) * 2 + ci] * wt[((co * 3 + ky) * 3 + kx) * 2 + ci];
+                        }
+                int32_t q = acc < 0 ? 0 : acc > 255 ? 255 : acc;
+                CHECK(out[(oy * 4 + ox) * 2 + co] == q);
+            }
+    CHECK(res[0] == 0 && res[2] == 0);
+    CHECK(player[7] >= 1 && korvexSubCmd_getRunInfo(sub, SC_RUNINFO_IPTIME) == player[7]);
+    CHECK(korvexSubCmd_getRunInfo(sub, SC_RUNINFO_DRIVERTIME) > korvexSubCmd_getRunInfo(sub, SC_RUNINFO_IPTIME));
+    CHECK(pmu_res[0] == 1000000);                 /* 1000 MHz, in kHz */
+    CHECK(pmu_buf[2] == 4 * 4 * 2 * 3 * 3 * 2);   /* multiply-accumulates */
+    CHECK(pmu_buf[3] == 64 + 32);                 /* bytes written */
+    CHECK(korvexSession_deleteCmd(s, cmd) == 0);
+    CHECK(korvexSession_deleteInstance(s) == 0);
+    puts("engine model smoke test: passed");
+    return 0;
+}
