@@ -139,6 +139,22 @@ void delete_cmd(korvex_cmd* cmd)
     delete cmd;
 }
 
+// At process end the driver reclaims what sessions still hold, including a
+// session whose deletion was refused. Defined after the registries, so it
+// runs while they still exist.
+struct process_end {
+    ~process_end()
+    {
+        while (!g_sessions.empty()) {
+            korvex_session* s = *g_sessions.begin();
+            while (!s->cmds.empty())
+                delete_cmd(s->cmds.back());
+            g_sessions.erase(s);
+            delete s;
+        }
+    }
+} g_process_end;
+
 int traced(const char* op, const std::string& args, int result)
 {
     kvx::trace_call(op, args, std::to_string(result));
