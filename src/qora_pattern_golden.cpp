@@ -84,7 +84,12 @@ static bool open_region(const char* str, golden* g, std::vector<output*>& out_li
 // Whether the piece's text (up to its first NUL) is shorter than `len`.
 static inline bool text_shorter_than(text_piece line, size_t len)
 {
-    return line.n < len || memchr(line.data, '\0', len) != nullptr;
+    if (line.n < len)
+        return true;
+    for (size_t i = 0; i < len; i++)
+        if (line.data[i] == '\0')
+            return true;
+    return false;
 }
 
 int qoraPattern::load_golden_hex(golden* g)
@@ -133,12 +138,18 @@ int qoraPattern::load_golden_hex(golden* g)
             }
             printf("Warning : read golden last line not 16 bytes align (0x%x)\n", take);
         }
+        // A whole line decodes in place; a partial one keeps its last bytes.
         uint8_t data[16];
         uint8_t mask[16];
-        if (decode_golden_line(line.data, line.n, data, mask) < 16)
+        bool whole = take == 16;
+        uint8_t* to_data = whole ? region->data + offset : data;
+        uint8_t* to_mask = whole ? region->mask + offset : mask;
+        if (decode_golden_line(line.data, line.n, to_data, to_mask) < 16)
             printf("%s():%d sscanf fail\n", "load_golden_hex", __LINE__);
-        memcpy(region->data + offset, data, take);
-        memcpy(region->mask + offset, mask, take);
+        if (!whole) {
+            memcpy(region->data + offset, data, take);
+            memcpy(region->mask + offset, mask, take);
+        }
         offset += take;
     }
     close_golden(fp, "load_golden_hex", __LINE__);
