@@ -5,6 +5,7 @@
 
 #include <map>
 
+#include "qora_pattern_internal.h"
 #include "test_util.h"
 
 namespace {
@@ -239,6 +240,39 @@ TEST(PatternLoad, LimitsAreReportedAndBounded)
                          "binding num(32770) >= MAX_NUM(32768)\n"),
               std::string::npos);
     EXPECT_NE(r.out.find("data buf num >= MAX_DATA_NUM(8192)\n"), std::string::npos);
+}
+
+} // namespace
+
+namespace {
+
+// Host allocation failures, through the loaders' allocation seam.
+TEST(PatternLoad, AllocationFailures)
+{
+    std::string dir = make_tmp_dir("load_alloc");
+    std::string text = "@40000000\n";
+    for (int i = 0; i < 1100; i++) // 17600 bytes: the first block must grow once
+        text += "00000000_00000000_00000000_00000001\n";
+    write_file(dir + "/p.hex", text);
+    write_file(dir + "/one.hex", "@40000000\n00000000_00000000_00000000_00000001\n");
+    isolated_result no_block = run_isolated([&] {
+        pattern_malloc = [](size_t) -> void* { return nullptr; };
+        std::vector<std::string> p{dir + "/one.hex"}, g;
+        qoraPattern set(p, g, 1);
+        buffer* b = set.get_pattern_data();
+        return std::to_string(set.get_pattern_data_num()) + " " + (b->data == nullptr ? "null" : "data");
+    });
+    EXPECT_EQ(no_block.result, "1 null");
+    EXPECT_NE(no_block.out.find("Allocate memory FAIL\n"), std::string::npos);
+    isolated_result no_growth = run_isolated([&] {
+        pattern_realloc = [](void*, size_t) -> void* { return nullptr; };
+        std::vector<std::string> p{dir + "/p.hex"}, g;
+        qoraPattern set(p, g, 1);
+        buffer* b = set.get_pattern_data();
+        return std::to_string(b->size) + " " + std::to_string(b->data[16368]);
+    });
+    EXPECT_EQ(no_growth.result, "17600 1"); // the old block is kept; lines past it are counted, not stored
+    EXPECT_NE(no_growth.out.find("Realloc Fail!!\n"), std::string::npos);
 }
 
 } // namespace
