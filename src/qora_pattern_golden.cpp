@@ -78,6 +78,8 @@ static bool open_region(const char* str, golden* g, std::vector<output*>& out_li
         *fail_line = __LINE__;
         return false;
     }
+    advise_huge_pages(sg->data, sg->len);
+    advise_huge_pages(sg->mask, sg->len);
     return true;
 }
 

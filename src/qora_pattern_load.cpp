@@ -308,6 +308,8 @@ static void grow_for_line(fill_target* t)
     }
     t->buf->data = grown;
     t->capacity = want;
+    if (granule == 262144)
+        advise_huge_pages(grown + s, want - s);
 }
 
 static void load_data(text_piece line, fill_target* t)
