@@ -53,8 +53,6 @@ static constexpr std::array<uint8_t, 256> golden_code = make_table([](int c) {
 // after every fourth.
 static constexpr uint8_t kTokenStart[16] = {0, 2, 4, 6, 9, 11, 13, 15, 18, 20, 22, 24, 27, 29, 31, 33};
 
-// Mask nibble of a golden character: compared unless it is an 'x'.
-static constexpr std::array<uint8_t, 256> mask_nibble = make_table([](int c) { return (uint8_t)(c == 'x' ? 0 : 0x0F); });
 
 static inline bool separators_in_place(const char* line)
 {
@@ -146,67 +144,53 @@ static inline bool decode_hex_digits(const char* line, size_t n, uint8_t out[16]
            decode_hex_group(line + 27, out);
 }
 
-// Bytes of a line whose first `n` characters are all present (no NUL among
-// them), decoded in one pass when the line is plain; false otherwise.
-static bool decode_plain_data(const char* line, size_t n, uint8_t out[16])
+// The bytes (and, for goldens, the mask) of the 16 tokens, given each token's
+// two table entries.
+static void bytes_from_codes(const uint8_t hi[16], const uint8_t lo[16], uint8_t data[16], uint8_t* mask)
 {
-    if (decode_hex_digits(line, n, out))
-        return true;
-    if (n < HEX_LINE_CHARS)
-        return false;
-    const unsigned char* p = (const unsigned char*)line;
-    uint8_t flags = 0;
-#pragma GCC unroll 16
     for (int t = 0; t < 16; t++) {
-        uint8_t hi = data_code[p[kTokenStart[t]]];
-        uint8_t lo = data_code[p[kTokenStart[t] + 1]];
-        flags |= hi | lo;
-        out[15 - t] = (uint8_t)(hi << 4 | (lo & 0x0F));
+        data[15 - t] = (uint8_t)((hi[t] & 0x0F) << 4 | (lo[t] & 0x0F));
+        if (mask != nullptr)
+            mask[15 - t] = (uint8_t)((hi[t] & kCompared ? 0xF0 : 0) | (lo[t] & kCompared ? 0x0F : 0));
     }
-    return !(flags & kNotToken) && separators_in_place(line);
 }
 
-static bool decode_plain_golden(const char* line, size_t n, uint8_t data[16], uint8_t mask[16])
+// A line of `n` bytes, decoded through `table` (mask only when asked):
+// 32 hex digits word by word, other plain lines in one table pass, the
+// rest through the scan. Returns the field count.
+static int decode_line(const char* line, size_t n, const std::array<uint8_t, 256>& table, uint8_t data[16],
+                       uint8_t* mask)
 {
     if (decode_hex_digits(line, n, data)) {
-        memset(mask, 0xFF, 16);
-        return true;
+        if (mask != nullptr)
+            memset(mask, 0xFF, 16);
+        return 16;
     }
-    if (n < HEX_LINE_CHARS)
-        return false;
-    const unsigned char* p = (const unsigned char*)line;
-    uint8_t flags = 0;
-#pragma GCC unroll 16
-    for (int t = 0; t < 16; t++) {
-        uint8_t hi = golden_code[p[kTokenStart[t]]];
-        uint8_t lo = golden_code[p[kTokenStart[t] + 1]];
-        flags |= hi | lo;
-        data[15 - t] = (uint8_t)(hi << 4 | (lo & 0x0F));
-        mask[15 - t] = (uint8_t)(mask_nibble[p[kTokenStart[t]]] << 4 | mask_nibble[p[kTokenStart[t] + 1]]);
+    uint8_t hi[16], lo[16];
+    int fields = 16;
+    if (n >= HEX_LINE_CHARS) {
+        const unsigned char* p = (const unsigned char*)line;
+        uint8_t flags = 0;
+        for (int t = 0; t < 16; t++) {
+            hi[t] = table[p[kTokenStart[t]]];
+            lo[t] = table[p[kTokenStart[t] + 1]];
+            flags |= hi[t] | lo[t];
+        }
+        if ((flags & kNotToken) || !separators_in_place(line))
+            fields = scanned_codes(line, n, table, hi, lo);
+    } else {
+        fields = scanned_codes(line, n, table, hi, lo);
     }
-    return !(flags & kNotToken) && separators_in_place(line);
+    bytes_from_codes(hi, lo, data, mask);
+    return fields;
 }
 
 int decode_data_line(const char* line, size_t n, uint8_t out[16])
 {
-    if (decode_plain_data(line, n, out))
-        return 16;
-    uint8_t hi[16], lo[16];
-    int fields = scanned_codes(line, n, data_code, hi, lo);
-    for (int t = 0; t < 16; t++)
-        out[15 - t] = (uint8_t)((hi[t] & 0x0F) << 4 | (lo[t] & 0x0F));
-    return fields;
+    return decode_line(line, n, data_code, out, nullptr);
 }
 
 int decode_golden_line(const char* line, size_t n, uint8_t data[16], uint8_t mask[16])
 {
-    if (decode_plain_golden(line, n, data, mask))
-        return 16;
-    uint8_t hi[16], lo[16];
-    int fields = scanned_codes(line, n, golden_code, hi, lo);
-    for (int t = 0; t < 16; t++) {
-        data[15 - t] = (uint8_t)((hi[t] & 0x0F) << 4 | (lo[t] & 0x0F));
-        mask[15 - t] = (uint8_t)((hi[t] & kCompared ? 0xF0 : 0) | (lo[t] & kCompared ? 0x0F : 0));
-    }
-    return fields;
+    return decode_line(line, n, golden_code, data, mask);
 }
