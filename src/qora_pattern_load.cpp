@@ -298,9 +298,10 @@ static void grow_for_line(fill_target* t)
 {
     uint32_t s = t->buf->size;
     uint32_t granule = s <= 49152 ? 16384 : s <= 245760 ? 65536 : 262144;
-    if (s % granule + 16 < granule)
+    uint32_t used = s & (granule - 1); // granules are powers of two
+    if (used + 16 < granule)
         return;
-    uint32_t want = (s / granule + 2) * granule;
+    uint32_t want = s - used + 2 * granule;
     uint8_t* grown = (uint8_t*)pattern_realloc(t->buf->data, want);
     if (grown == nullptr) {
         puts("Realloc Fail!!");
