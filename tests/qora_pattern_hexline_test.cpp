@@ -23,8 +23,12 @@ std::string random_line(std::mt19937& rng)
 {
     // Hex digits, their neighbours in ASCII, white space and high bytes.
     static const char alphabet[] = "0123456789abcdefABCDEFxX_ \t\r\n/@gz:`GF\x10\x19\x7f\x80\xe6\xff";
+    static const char hex[] = "0123456789abcdefABCDEF";
     std::string line = "00112233_44556677_8899aabb_ccddeeff\n";
-    std::uniform_int_distribution<int> edits(0, 3), pos(0, 40), ch(0, sizeof(alphabet) - 2);
+    std::uniform_int_distribution<int> edits(0, 3), pos(0, 40), ch(0, sizeof(alphabet) - 2), digit(0, 21);
+    for (char& c : line)
+        if (c != '_' && c != '\n')
+            c = hex[digit(rng)];
     for (int e = edits(rng); e > 0; e--) {
         size_t p = (size_t)pos(rng) % (line.size() + 1);
         switch (pos(rng) % 3) {
