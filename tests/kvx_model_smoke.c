@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "korvex.h"
+#include "kvx_asm.h"
 
 #define CHECK(cond)                                                  \
     do {                                                             \
@@ -48,15 +49,18 @@ int main(void)
         wt[i] = (int8_t)(i % 5 - 2);
     bias[0] = 10;
     bias[1] = -10;
-    void* bufs[] = {src, in, wt, bias};
-    for (int i = 0; i < 4; i++)
+    /* Every host view reaches the device before a run, outputs too. */
+    void* bufs[] = {src, dst, in, wt, bias, out};
+    for (int i = 0; i < 6; i++)
         CHECK(korvexSession_memFlush(s, bufs[i]) == 0);
 
     uint32_t code[] = {
-        0x0202, unit(s, dst), 0x10202, unit(s, src), 0x20202, 64, 0x02100103,          /* MOVE */
-        0x0202, unit(s, in), 0x10202, unit(s, wt), 0x20202, unit(s, bias), 0x30202, unit(s, out),
-        0x80602, 4 | 4 << 16, 2 | 2 << 16, 3 | 3 << 8 | 1 << 16 | 1 << 24, 1, 0,     /* shape, x1, shift 0 */
-        0x32100107, 0x10108, 0,                                                       /* CONV, FLOW 1, END */
+        kvx_asm_setr(0, 1), unit(s, dst), kvx_asm_setr(1, 1), unit(s, src), kvx_asm_setr(2, 1), 64,
+        kvx_asm_regs(KVX_OP_MOVE, 0, 1, 2, 0),
+        kvx_asm_setr(0, 1), unit(s, in), kvx_asm_setr(1, 1), unit(s, wt), kvx_asm_setr(2, 1), unit(s, bias),
+        kvx_asm_setr(3, 1), unit(s, out),
+        kvx_asm_setr(8, 5), 4 | 4 << 16, 2 | 2 << 16, 3 | 3 << 8 | 1 << 16 | 1 << 24, 1, 0, /* shape, x1, shift 0 */
+        kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3), kvx_asm_flow(1), kvx_asm_end(),
     };
     uint32_t* info = korvexSession_cmdBufAlloc(s, 32, 256);
     uint32_t* res = korvexSession_cmdBufAlloc(s, 16, 256);

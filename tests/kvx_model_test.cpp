@@ -1,132 +1,354 @@
-// The engine model through its C interface: coherency, strictness, the
-// instruction set against plain reference loops, faults and limits.
+// The engine model through its C interface: coherency, strict calls and
+// parameters, memory placement, timing, cores, limits, the VLM, the hooks
+// and the convolution against its definition.
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <functional>
 #include <random>
-#include <vector>
 
-#include "korvex.h"
-#include "qora_cmd.h"
+#include "kvx_rig.h"
+#include "test_util.h"
 
 namespace {
 
-uint32_t setr(uint32_t reg)
+using no_setup = std::function<void(korvex_cmd_t*, std::vector<korvex_subcmd_t*>&)>;
+const no_setup kNoSetup = [](korvex_cmd_t*, std::vector<korvex_subcmd_t*>&) {};
+
+// Code that copies 64 bytes from src to dst.
+std::vector<uint32_t> copy_code(kvx_rig& r, const void* dst, const void* src)
 {
-    return 0x0202 | reg << 16;
+    return {kvx_asm_setr(0, 3), r.unit(dst), r.unit(src), 64, kvx_asm_regs(KVX_OP_MOVE, 0, 1, 2, 0), kvx_asm_end()};
 }
-uint32_t op4(uint32_t opcode, uint32_t a, uint32_t b, uint32_t c, uint32_t d = 0)
+
+// Any host byte written and not flushed refuses the run and names its
+// address; the engine's writes reach the host without an invalidate.
+TEST(EngineModel, UnflushedHostWritesRefuseTheRun)
 {
-    return opcode | 0x100 | (a | b << 4 | c << 8 | d << 12) << 16;
-}
-const uint32_t kMove = 3, kFill = 4, kConv = 7, kFlow = 8;
-
-// A session with the command records one sub-command needs.
-struct model {
-    korvex_session_t* s = korvexSession_createInstance();
-    qora_cmd_info* info = (qora_cmd_info*)korvexSession_cmdBufAlloc(s, 32, 256);
-    qora_cmd_result* res = (qora_cmd_result*)korvexSession_cmdBufAlloc(s, 16, 256);
-    qora_player_info* player = (qora_player_info*)korvexSession_cmdBufAlloc(s, 36, 256);
-    ~model() { korvexSession_deleteInstance(s); }
-
-    void* alloc(uint32_t size) { return korvexSession_memAlloc(s, size, 4096, KORVEX_MEM_TYPE_DRAM, 2); }
-    uint32_t unit(void* p) { return (uint32_t)korvexSession_memGetInfoFromHostPtr(s, p, KORVEX_MEM_INFO_GET_DEVICE_VA) >> 4; }
-
-    // Runs `code` as one sub-command; the run's result.
-    int run(const std::vector<uint32_t>& code, uint64_t hard_limit = 0)
-    {
-        uint32_t* buf = (uint32_t*)korvexSession_cmdBufAlloc(s, (uint32_t)code.size() * 4, 256);
-        memcpy(buf, code.data(), code.size() * 4);
-        info->reserved = QORA_PLAY_MARKER;
-        info->rsv_1_index = 3;
-        for (void* b : {(void*)info, (void*)res, (void*)buf, (void*)player})
-            korvexSession_memFlush(s, b);
-        korvex_cmd_t* cmd = korvexSession_createCmd(s);
-        if (hard_limit != 0)
-            korvexCmd_setParam(cmd, CMD_PARAM_HARDLIMIT, hard_limit);
-        korvex_subcmd_t* sub = korvexCmd_createSubcmd(cmd, KORVEX_DEVICE_QORA);
-        korvexSubCmd_addCmdBuf(sub, info, KORVEX_CB_IN);
-        korvexSubCmd_addCmdBuf(sub, res, KORVEX_CB_OUT);
-        korvexSubCmd_addCmdBuf(sub, buf, KORVEX_CB_IN);
-        korvexSubCmd_addCmdBuf(sub, player, KORVEX_CB_BIDIRECTIONAL);
-        korvexCmd_build(cmd);
-        int r = korvexCmd_run(cmd);
-        ip_us = korvexSubCmd_getRunInfo(sub, SC_RUNINFO_IPTIME);
-        korvexSession_deleteCmd(s, cmd);
-        korvexSession_cmdBufFree(s, buf);
-        return r;
+    const struct {
+        const char* what;
+        std::function<uint32_t(kvx_rig&, uint8_t* src)> host_write; // the address left unflushed, or 0
+    } cases[] = {
+        {"everything flushed", [](kvx_rig&, uint8_t*) { return 0u; }},
+        {"a byte written after the flush", [](kvx_rig& r, uint8_t* src) { src[5] = 1; return r.va(src) + 5; }},
+        {"a write dropped by an invalidate", [](kvx_rig& r, uint8_t* src) {
+             src[5] = 1;
+             korvexSession_memInvalidate(r.s, src);
+             return 0u;
+         }},
+        {"a buffer never flushed", [](kvx_rig& r, uint8_t*) {
+             void* p = korvexSession_memAlloc(r.s, 16, 0, KORVEX_MEM_TYPE_DRAM, 0);
+             return r.va(p);
+         }},
+        {"a command buffer never flushed", [](kvx_rig& r, uint8_t*) {
+             void* p = korvexSession_cmdBufAlloc(r.s, 16, 0);
+             return r.va(p);
+         }},
+    };
+    for (const auto& c : cases) {
+        kvx_rig r;
+        uint8_t* src = r.dram(64, 0x5A);
+        uint8_t* dst = r.dram(64);
+        kvx_bundle b = r.bundle(copy_code(r, dst, src));
+        uint32_t stale = c.host_write(r, src);
+        kvx_outcome o = r.run(b);
+        EXPECT_EQ(o.run, stale == 0 ? 0 : -1) << c.what;
+        EXPECT_EQ(o.cause[0], stale == 0 ? 0u : (uint64_t)KVX_CAUSE_UNFLUSHED) << c.what;
+        EXPECT_EQ(o.detail[0], stale) << c.what;
+        EXPECT_EQ(b.res->hw_error_msg, stale == 0 ? 0u : KVX_IRQ_BASE | KVX_CAUSE_UNFLUSHED) << c.what;
+        EXPECT_EQ(dst[63], stale == 0 ? 0x5A : 0) << c.what << ": the host sees the engine's writes, and only them";
     }
-    uint64_t ip_us = 0;
-};
-
-TEST(EngineModel, EngineSeesOnlyFlushedWritesAndHostSeesEngineWrites)
-{
-    model m;
-    uint8_t* src = (uint8_t*)m.alloc(64);
-    uint8_t* dst = (uint8_t*)m.alloc(64);
-    memset(src, 0x5A, 64);
-    std::vector<uint32_t> copy = {setr(0), m.unit(dst), setr(1), m.unit(src), setr(2), 64, op4(kMove, 0, 1, 2), 0};
-    ASSERT_EQ(m.run(copy), 0);
-    EXPECT_EQ(dst[0], 0) << "an unflushed write reached the engine";
-    korvexSession_memFlush(m.s, src);
-    ASSERT_EQ(m.run(copy), 0);
-    EXPECT_EQ(dst[63], 0x5A) << "the engine's write is not visible to the host";
-    src[0] = 1;
-    korvexSession_memInvalidate(m.s, src);
-    EXPECT_EQ(src[0], 0x5A) << "invalidate keeps an unflushed host write";
 }
 
-TEST(EngineModel, StrictAboutHandlesAndOrder)
+// A command buffer belongs to one sub-command; parameters are checked
+// against their ranges; the on-chip memory has one holder; handles and
+// order are checked.
+TEST(EngineModel, StrictAboutCallsAndParameters)
 {
-    model m;
-    model other;
-    void* mem = m.alloc(16);
+    kvx_rig m;
+    kvx_rig other;
+    void* mem = m.dram(16);
+    void* cb = m.cmdbuf(16);
     korvex_cmd_t* cmd = korvexSession_createCmd(m.s);
     korvex_cmd_t* foreign = korvexSession_createCmd(other.s);
     korvex_subcmd_t* sub = korvexCmd_createSubcmd(cmd, KORVEX_DEVICE_QORA);
+    korvex_subcmd_t* sub2 = korvexCmd_createSubcmd(cmd, KORVEX_DEVICE_QORA);
     korvex_subcmd_t* foreign_sub = korvexCmd_createSubcmd(foreign, KORVEX_DEVICE_QORA);
     void* vlm = korvexSession_memAlloc(m.s, 0, 0, KORVEX_MEM_TYPE_VLM, 0);
-    EXPECT_EQ(korvexSession_memGetInfoFromHostPtr(m.s, vlm, KORVEX_MEM_INFO_GET_DEVICE_VA), 0x1D900000u);
+    EXPECT_EQ(m.va(vlm), 0x1D900000u);
+    auto sc = [&](korvex_subcmd_param_type t, uint64_t v) { return korvexSubCmd_setParam(sub, t, v) == 0; };
+    auto cp = [&](korvex_cmd_param_type t, uint64_t v) { return korvexCmd_setParam(cmd, t, v) == 0; };
     const struct {
         const char* what;
-        bool refused;
+        bool accepted, expected;
     } cases[] = {
-        {"second VLM holder", korvexSession_memAlloc(m.s, 0, 0, KORVEX_MEM_TYPE_VLM, 0) == nullptr},
-        {"VLM with a size", korvexSession_memAlloc(other.s, 16, 0, KORVEX_MEM_TYPE_VLM, 0) == nullptr},
-        {"unknown session", korvexSession_deleteInstance((korvex_session_t*)&mem) != 0},
-        {"memory freed as a command buffer", korvexSession_cmdBufFree(m.s, mem) != 0},
-        {"unknown device type", korvexCmd_createSubcmd(cmd, (korvex_device_type)1) == nullptr},
-        {"unknown parameter", korvexSubCmd_setParam(sub, (korvex_subcmd_param_type)99, 1) != 0},
-        {"unknown command parameter", korvexCmd_setParam(cmd, (korvex_cmd_param_type)3, 1) != 0},
-        {"null command buffer", korvexSubCmd_addCmdBuf(sub, nullptr, KORVEX_CB_IN) != 0},
-        {"memory as a command buffer", korvexSubCmd_addCmdBuf(sub, mem, KORVEX_CB_IN) != 0},
-        {"pack across commands", korvexCmd_setDependencyPack(cmd, sub, foreign_sub) != 0},
-        {"run before build", korvexCmd_run(cmd) != 0},
-        {"first build", korvexCmd_build(cmd) == 0},
-        {"second build", korvexCmd_build(cmd) != 0},
-        {"sub-command after build", korvexCmd_createSubcmd(cmd, KORVEX_DEVICE_QORA) == nullptr},
-        {"parameter after build", korvexSubCmd_setParam(sub, SC_PARAM_BOOST_VALUE, 1) != 0},
-        {"first free", korvexSession_memFree(m.s, mem) == 0},
-        {"double free", korvexSession_memFree(m.s, mem) != 0},
-        {"delete with the wrong session", korvexSession_deleteCmd(other.s, cmd) != 0},
+        {"second VLM holder", korvexSession_memAlloc(m.s, 0, 0, KORVEX_MEM_TYPE_VLM, 0) != nullptr, false},
+        {"VLM with a size", korvexSession_memAlloc(other.s, 16, 0, KORVEX_MEM_TYPE_VLM, 0) != nullptr, false},
+        {"VLM with flags", korvexSession_memAlloc(other.s, 0, 0, KORVEX_MEM_TYPE_VLM, 2) != nullptr, false},
+        {"DRAM flags past KORVEX_MEM_HIGHADDR", korvexSession_memAlloc(m.s, 16, 0, KORVEX_MEM_TYPE_DRAM, 3) != nullptr,
+         false},
+        {"alignment not a power of two", korvexSession_memAlloc(m.s, 16, 24, KORVEX_MEM_TYPE_DRAM, 0) != nullptr, false},
+        {"command buffer of 0 bytes", korvexSession_cmdBufAlloc(m.s, 0, 256) != nullptr, false},
+        {"unknown session", korvexSession_deleteInstance((korvex_session_t*)&mem) == 0, false},
+        {"memory freed as a command buffer", korvexSession_cmdBufFree(m.s, mem) == 0, false},
+        {"unknown device type", korvexCmd_createSubcmd(cmd, (korvex_device_type)1) != nullptr, false},
+        {"null command buffer", korvexSubCmd_addCmdBuf(sub, nullptr, KORVEX_CB_IN) == 0, false},
+        {"memory as a command buffer", korvexSubCmd_addCmdBuf(sub, mem, KORVEX_CB_IN) == 0, false},
+        {"unknown direction", korvexSubCmd_addCmdBuf(sub, cb, (korvex_cb_direction)3) == 0, false},
+        {"a command buffer attached", korvexSubCmd_addCmdBuf(sub, cb, KORVEX_CB_IN) == 0, true},
+        {"attached twice", korvexSubCmd_addCmdBuf(sub, cb, KORVEX_CB_IN) == 0, false},
+        {"attached to a second sub-command", korvexSubCmd_addCmdBuf(sub2, cb, KORVEX_CB_IN) == 0, false},
+        {"a buffer of another session", korvexSubCmd_addCmdBuf(foreign_sub, m.cmdbuf(16), KORVEX_CB_IN) == 0, false},
+        {"unknown parameter", sc((korvex_subcmd_param_type)99, 1), false},
+        {"boost 100", sc(SC_PARAM_BOOST_VALUE, 100), true},
+        {"boost 101", sc(SC_PARAM_BOOST_VALUE, 101), false},
+        {"turbo on", sc(SC_PARAM_TURBO_BOOST, 1), true},
+        {"turbo 2", sc(SC_PARAM_TURBO_BOOST, 2), false},
+        {"all of the VLM", sc(SC_PARAM_VLM_USAGE, 0x100000), true},
+        {"more than the VLM", sc(SC_PARAM_VLM_USAGE, 0x100001), false},
+        {"VLM context 15", sc(SC_PARAM_VLM_CTX, 15), true},
+        {"VLM context 16", sc(SC_PARAM_VLM_CTX, 16), false},
+        {"both cores", sc(SC_PARAM_CORE_AFFINITY, 3), true},
+        {"no core", sc(SC_PARAM_CORE_AFFINITY, 0), false},
+        {"a core the engine lacks", sc(SC_PARAM_CORE_AFFINITY, 4), false},
+        {"unknown command parameter", cp((korvex_cmd_param_type)3, 1), false},
+        {"hard limit of 32 bits", cp(CMD_PARAM_HARDLIMIT, 0xFFFFFFFF), true},
+        {"hard limit past 32 bits", cp(CMD_PARAM_HARDLIMIT, 0x100000000), false},
+        {"soft limit past 32 bits", cp(CMD_PARAM_SOFTLIMIT, (uint64_t)-5), false},
+        {"power-off delay past 32 bits", cp(CMD_PARAM_DELAY_POWER_OFF_MS, 0x100000000), false},
+        {"performance policy", cp(CMD_PARAM_POWERPOLICY, KORVEX_POWERPOLICY_PERFORMANCE), true},
+        {"unknown policy", cp(CMD_PARAM_POWERPOLICY, 3), false},
+        {"pack across commands", korvexCmd_setDependencyPack(cmd, sub, foreign_sub) == 0, false},
+        {"pack with itself", korvexCmd_setDependencyPack(cmd, sub, sub) == 0, false},
+        {"run before build", korvexCmd_run(cmd) == 0, false},
+        {"first build", korvexCmd_build(cmd) == 0, true},
+        {"second build", korvexCmd_build(cmd) == 0, false},
+        {"sub-command after build", korvexCmd_createSubcmd(cmd, KORVEX_DEVICE_QORA) != nullptr, false},
+        {"parameter after build", sc(SC_PARAM_BOOST_VALUE, 1), false},
+        {"first free", korvexSession_memFree(m.s, mem) == 0, true},
+        {"double free", korvexSession_memFree(m.s, mem) == 0, false},
+        {"delete with the wrong session", korvexSession_deleteCmd(other.s, cmd) == 0, false},
+        {"run information of a deleted sub-command",
+         korvexSession_deleteCmd(m.s, cmd) == 0 && korvexSubCmd_getRunInfo(sub, SC_RUNINFO_IPTIME) != 0, false},
     };
     for (const auto& c : cases)
-        EXPECT_TRUE(c.refused) << c.what;
+        EXPECT_EQ(c.accepted, c.expected) << c.what;
 }
 
-TEST(EngineModel, DramAvoidsTheOnChipWindow)
+// Host pointers and device addresses honour the alignment asked; high
+// addresses come from the upper half of DRAM; nothing touches the on-chip
+// window.
+TEST(EngineModel, AllocationsAreAlignedAndPlaced)
 {
-    model m;
-    uint32_t last_end = 0;
-    for (uint32_t size : {100u, 0x100000u, 1u, 4096u}) {
-        void* p = korvexSession_memAlloc(m.s, size, 0x100000, KORVEX_MEM_TYPE_DRAM, 2);
-        ASSERT_NE(p, nullptr);
-        uint32_t va = m.unit(p) << 4;
-        EXPECT_EQ(va % 0x100000, 0u);
-        EXPECT_GE(va, last_end) << "allocations overlap";
-        EXPECT_TRUE(va + size <= 0x1D800000u || va >= 0x1E000000u) << std::hex << va;
-        last_end = va + size;
+    kvx_rig m;
+    const struct {
+        uint32_t size, align;
+        bool cmdbuf;
+        uint64_t flags;
+    } cases[] = {
+        {100, 4096, false, 2}, {0x100000, 0x100000, false, 2}, {1, 0, false, 0},      {4096, 4096, false, 1},
+        {32, 256, true, 0},    {0xF0000, 0x100000, true, 0},   {34, 256, true, 0},
+    };
+    for (const auto& c : cases) {
+        void* p = c.cmdbuf ? korvexSession_cmdBufAlloc(m.s, c.size, c.align)
+                           : korvexSession_memAlloc(m.s, c.size, c.align, KORVEX_MEM_TYPE_DRAM, c.flags);
+        ASSERT_NE(p, nullptr) << c.size;
+        uint32_t align = c.align == 0 ? 16 : c.align;
+        uint32_t va = m.va(p);
+        EXPECT_EQ((uintptr_t)p % align, 0u) << "host pointer of " << c.size;
+        EXPECT_EQ(va % align, 0u) << "device address of " << c.size;
+        EXPECT_EQ(va >= 0x80000000u, c.flags == KORVEX_MEM_HIGHADDR) << std::hex << va;
+        EXPECT_TRUE(va + c.size <= 0x1D800000u || va >= 0x1E000000u) << std::hex << va;
+        EXPECT_EQ(korvexSession_memGetInfoFromHostPtr(m.s, p, KORVEX_MEM_INFO_GET_SIZE), c.size);
     }
+}
+
+// ip = ceil(cycles / MHz), at least 1; driver time = ip + 20 + ip / 50;
+// bandwidth = bytes moved / ip. FILL of n bytes costs n / 32 cycles.
+TEST(EngineModel, TimingFollowsItsFormulas)
+{
+    const struct {
+        const char* what;
+        uint32_t bytes;
+        korvex_subcmd_param_type param;
+        uint64_t value;
+        uint64_t ip, driver;
+    } cases[] = {
+        // 3 instructions + 3,200,000 / 32 cycles
+        {"1000 MHz", 3200000, (korvex_subcmd_param_type)-1, 0, 101, 123},
+        {"boost 50: 800 MHz", 3200000, SC_PARAM_BOOST_VALUE, 50, 126, 148},
+        {"boost 0: 400 MHz", 3200000, SC_PARAM_BOOST_VALUE, 0, 251, 276},
+        {"turbo: 1500 MHz", 3200000, SC_PARAM_TURBO_BOOST, 1, 67, 88},
+        {"turbo off", 3200000, SC_PARAM_TURBO_BOOST, 0, 101, 123},
+        {"a short run takes 1 us", 32, (korvex_subcmd_param_type)-1, 0, 1, 21},
+    };
+    for (const auto& c : cases) {
+        kvx_rig r;
+        uint8_t* buf = r.dram(c.bytes);
+        kvx_bundle b = r.bundle({kvx_asm_setr(0, 2), r.unit(buf), c.bytes, kvx_asm_regs(KVX_OP_FILL, 0, 2, 1, 0),
+                                 kvx_asm_end()});
+        kvx_outcome o = r.run({&b}, false, [&](korvex_cmd_t*, std::vector<korvex_subcmd_t*>& subs) {
+            korvexSubCmd_setParam(subs[0], c.param, c.value);
+        });
+        EXPECT_EQ(o.ip_us[0], c.ip) << c.what;
+        EXPECT_EQ(o.driver_us[0], c.driver) << c.what;
+        EXPECT_EQ(o.bandwidth[0], c.bytes / c.ip) << c.what;
+        EXPECT_EQ(b.player->out_execute_us, c.ip) << c.what;
+        EXPECT_EQ(b.player->out_prepare_us, 12u) << c.what;
+        EXPECT_EQ(b.player->out_post_proc_us, 3u) << c.what;
+    }
+}
+
+// Packed sub-commands run together on cores of their own, later rounds
+// waiting for earlier ones; unpacked ones run one after another.
+TEST(EngineModel, CoresAndRounds)
+{
+    const struct {
+        const char* what;
+        uint32_t cores;
+        bool packed;
+        uint64_t affinity; // of every sub-command, 0: none
+        std::vector<uint32_t> core, waiting;
+    } cases[] = {
+        {"two cores, packed", 2, true, 0, {0, 1, 0}, {0, 0, 101}},
+        {"one core, packed", 1, true, 0, {0, 0, 0}, {0, 101, 202}},
+        {"two cores tied to core 1", 2, true, 2, {1, 1, 1}, {0, 101, 202}},
+        {"not packed", 2, false, 0, {0, 0, 0}, {0, 101, 202}},
+        {"four cores", 4, true, 0, {0, 1, 2}, {0, 0, 0}},
+    };
+    for (const auto& c : cases) {
+        kvx_rig r(c.cores);
+        uint8_t* buf = r.dram(3200000);
+        std::vector<uint32_t> code = {kvx_asm_setr(0, 2), r.unit(buf), 3200000, kvx_asm_regs(KVX_OP_FILL, 0, 2, 1, 0),
+                                      kvx_asm_end()};
+        kvx_bundle b[3] = {r.bundle(code), r.bundle(code), r.bundle(code)};
+        kvx_outcome o = r.run({&b[0], &b[1], &b[2]}, c.packed, [&](korvex_cmd_t*, std::vector<korvex_subcmd_t*>& subs) {
+            for (korvex_subcmd_t* sub : subs)
+                if (c.affinity != 0)
+                    korvexSubCmd_setParam(sub, SC_PARAM_CORE_AFFINITY, c.affinity);
+        });
+        EXPECT_EQ(o.run, 0) << c.what;
+        for (int i = 0; i < 3; i++) {
+            EXPECT_EQ(b[i].res->code_out_core_id, c.core[i]) << c.what << " " << i;
+            EXPECT_EQ(b[i].player->out_waiting_us, c.waiting[i]) << c.what << " " << i;
+        }
+    }
+}
+
+// A run past its hard limit faults; past its soft limit it finishes and
+// says so in its result record. Limits are in milliseconds.
+TEST(EngineModel, LimitsAreReported)
+{
+    const struct {
+        const char* what;
+        korvex_cmd_param_type limit;
+        uint64_t ms;
+        int run;
+        uint32_t cause, irq;
+    } cases[] = {
+        {"inside the hard limit", CMD_PARAM_HARDLIMIT, 2, 0, KVX_CAUSE_NONE, 0},
+        {"past the hard limit", CMD_PARAM_HARDLIMIT, 1, -1, KVX_CAUSE_HARD_LIMIT, KVX_IRQ_BASE | KVX_CAUSE_HARD_LIMIT},
+        {"inside the soft limit", CMD_PARAM_SOFTLIMIT, 2, 0, KVX_CAUSE_NONE, 0},
+        {"past the soft limit", CMD_PARAM_SOFTLIMIT, 1, 0, KVX_CAUSE_SOFT_LIMIT, 0},
+    };
+    for (const auto& c : cases) {
+        kvx_rig r;
+        uint8_t* buf = r.dram(16 << 20);
+        // 48 MiB written at 32 bytes a cycle and 1000 MHz: 1573 us
+        kvx_bundle b = r.bundle({kvx_asm_flow(4), kvx_asm_setr(0, 2), r.unit(buf), 16 << 20,
+                                 kvx_asm_regs(KVX_OP_FILL, 0, 1, 1, 0), kvx_asm_regs(KVX_OP_FILL, 0, 1, 1, 0),
+                                 kvx_asm_regs(KVX_OP_FILL, 0, 1, 1, 0), kvx_asm_end()});
+        kvx_outcome o = r.run({&b}, false, [&](korvex_cmd_t* cmd, std::vector<korvex_subcmd_t*>&) {
+            korvexCmd_setParam(cmd, c.limit, c.ms);
+        });
+        EXPECT_EQ(o.run, c.run) << c.what;
+        EXPECT_EQ(o.cause[0], c.cause) << c.what;
+        EXPECT_EQ(b.res->hw_error_msg, c.irq) << c.what;
+        EXPECT_EQ(b.res->code_out_flow_id, c.run == 0 ? 0u : 4u) << c.what;
+        EXPECT_EQ(b.res->out_debug_info_msg, c.cause == KVX_CAUSE_NONE ? 0u : 1573u) << c.what;
+    }
+}
+
+// The VLM is reached only while a handle is held, and only as far as the
+// sub-command declared; packed users share one context.
+TEST(EngineModel, VlmNeedsAHandleAUsageAndOneContext)
+{
+    const struct {
+        const char* what;
+        bool held;
+        uint64_t usage[2], ctx[2];
+        uint32_t cause[2];
+    } cases[] = {
+        {"held, all declared", true, {0x100000, 0x100000}, {1, 1}, {0, 0}},
+        {"not held", false, {0x100000, 0x100000}, {1, 1}, {KVX_CAUSE_VLM_NOT_HELD, KVX_CAUSE_VLM_NOT_HELD}},
+        {"no usage declared", true, {0, 0x100000}, {1, 1}, {KVX_CAUSE_VLM_USAGE, 0}},
+        {"one byte short", true, {0x20F, 0x210}, {1, 1}, {KVX_CAUSE_VLM_USAGE, 0}},
+        {"two contexts", true, {0x100000, 0x100000}, {1, 2}, {0, KVX_CAUSE_VLM_CONTEXT}},
+        {"no context", true, {0x100000, 0x100000}, {0, 0}, {0, KVX_CAUSE_VLM_CONTEXT}},
+    };
+    for (const auto& c : cases) {
+        kvx_rig r;
+        if (c.held)
+            korvexSession_memAlloc(r.s, 0, 0, KORVEX_MEM_TYPE_VLM, 0);
+        // 16 bytes at VLM offset 0x200
+        std::vector<uint32_t> code = {kvx_asm_setr(0, 2), (0x1D900000 + 0x200) >> 4, 16,
+                                      kvx_asm_regs(KVX_OP_FILL, 0, 0, 1, 0), kvx_asm_end()};
+        kvx_bundle b[2] = {r.bundle(code), r.bundle(code)};
+        kvx_outcome o = r.run({&b[0], &b[1]}, true, [&](korvex_cmd_t*, std::vector<korvex_subcmd_t*>& subs) {
+            for (int i = 0; i < 2; i++) {
+                korvexSubCmd_setParam(subs[i], SC_PARAM_VLM_USAGE, c.usage[i]);
+                korvexSubCmd_setParam(subs[i], SC_PARAM_VLM_CTX, c.ctx[i]);
+            }
+        });
+        for (int i = 0; i < 2; i++)
+            EXPECT_EQ(o.cause[i], c.cause[i]) << c.what << " " << i;
+    }
+}
+
+// KVX_MODEL_DROP: the picked call answers 0 and does nothing. A dropped
+// flush leaves the host's write where the engine cannot see it.
+TEST(EngineModel, DroppedCallsDoNothing)
+{
+    setenv("KVX_MODEL_DROP", "korvexSession_memFlush:2", 1);
+    kvx_rig r;
+    unsetenv("KVX_MODEL_DROP");
+    uint8_t* src = r.dram(64, 0x5A); // the first flush
+    src[0] = 1;
+    EXPECT_EQ(korvexSession_memFlush(r.s, src), 0) << "a dropped call succeeds";
+    uint8_t* dst = r.dram(64);
+    kvx_bundle b = r.bundle(copy_code(r, dst, src));
+    kvx_outcome o = r.run(b);
+    EXPECT_EQ(o.cause[0], (uint64_t)KVX_CAUSE_UNFLUSHED);
+    EXPECT_EQ(o.detail[0], r.va(src));
+}
+
+// KVX_MODEL_ITRACE: one line per executed instruction with the registers
+// it wrote and the memory it touched; a fault ends with its cause.
+TEST(EngineModel, InstructionLog)
+{
+    std::string dir = make_tmp_dir("kvx_itrace");
+    std::string log = dir + "/itrace.txt";
+    setenv("KVX_MODEL_ITRACE", log.c_str(), 1);
+    kvx_rig r;
+    unsetenv("KVX_MODEL_ITRACE");
+    uint8_t* src = r.dram(64);
+    uint8_t* dst = r.dram(64);
+    std::vector<uint32_t> code = copy_code(r, dst, src);
+    code.back() = 0x1F7;
+    kvx_bundle b = r.bundle(code);
+    r.run(b);
+    char expected[256];
+    snprintf(expected, sizeof(expected),
+             "pc=0x0000 SETR r0=0x%08x r1=0x%08x r2=0x00000040\n"
+             "subcmd#%%d pc=0x0010 MOVE read=0x%08x+64 write=0x%08x+64\n"
+             "subcmd#%%d pc=0x0014 ? fault=0x01 detail=0x14\n",
+             r.unit(dst), r.unit(src), r.va(src), r.va(dst));
+    std::string text = read_file(log);
+    std::string id = text.substr(0, text.find(' '));
+    std::string want = id + " " + expected;
+    size_t at;
+    while ((at = want.find("subcmd#%d")) != std::string::npos)
+        want.replace(at, 9, id);
+    EXPECT_EQ(text, want);
 }
 
 // The convolution against the plain definition: NHWC uint8 input, int8
@@ -137,11 +359,11 @@ TEST(EngineModel, ConvolutionMatchesItsDefinition)
     const int32_t MULT = 181;
     const int OH = (H + 2 * PAD - K) / STRIDE + 1, OW = (W + 2 * PAD - K) / STRIDE + 1;
     std::mt19937 rng(3);
-    model m;
-    uint8_t* in = (uint8_t*)m.alloc(H * W * CIN);
-    int8_t* wt = (int8_t*)m.alloc(COUT * K * K * CIN);
-    int32_t* bias = (int32_t*)m.alloc(4 * COUT);
-    uint8_t* out = (uint8_t*)m.alloc(OH * OW * COUT);
+    kvx_rig m;
+    uint8_t* in = m.dram(H * W * CIN);
+    int8_t* wt = (int8_t*)m.dram(COUT * K * K * CIN);
+    int32_t* bias = (int32_t*)m.dram(4 * COUT);
+    uint8_t* out = m.dram(OH * OW * COUT);
     for (int i = 0; i < H * W * CIN; i++)
         in[i] = (uint8_t)rng();
     for (int i = 0; i < COUT * K * K * CIN; i++)
@@ -150,11 +372,10 @@ TEST(EngineModel, ConvolutionMatchesItsDefinition)
         bias[i] = (int32_t)(rng() % 2001) - 1000;
     for (void* p : {(void*)in, (void*)wt, (void*)bias})
         korvexSession_memFlush(m.s, p);
-    std::vector<uint32_t> code = {setr(0), m.unit(in), setr(1), m.unit((void*)wt), setr(2), m.unit(bias),
-                                  setr(3), m.unit(out), setr(8), H | W << 16, setr(9), CIN | COUT << 16,
-                                  setr(10), K | K << 8 | STRIDE << 16 | PAD << 24, setr(11), (uint32_t)MULT,
-                                  setr(12), SHIFT | IN_ZP << 8 | OUT_ZP << 16, op4(kConv, 0, 1, 2, 3), 0};
-    ASSERT_EQ(m.run(code), 0);
+    kvx_bundle b = m.bundle({kvx_asm_setr(0, 4), m.unit(in), m.unit(wt), m.unit(bias), m.unit(out), kvx_asm_setr(8, 5),
+                             H | W << 16, CIN | COUT << 16, K | K << 8 | STRIDE << 16 | PAD << 24, (uint32_t)MULT,
+                             SHIFT | IN_ZP << 8 | OUT_ZP << 16, kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3), kvx_asm_end()});
+    ASSERT_EQ(m.run(b).run, 0);
     for (int oy = 0; oy < OH; oy++)
         for (int ox = 0; ox < OW; ox++)
             for (int co = 0; co < COUT; co++) {
@@ -170,31 +391,6 @@ TEST(EngineModel, ConvolutionMatchesItsDefinition)
                 q = q < 0 ? 0 : q > 255 ? 255 : q;
                 ASSERT_EQ(out[(oy * OW + ox) * COUT + co], q) << oy << "," << ox << "," << co;
             }
-}
-
-TEST(EngineModel, FaultsAndLimitsAreReported)
-{
-    model m;
-    uint8_t* buf = (uint8_t*)m.alloc(16 << 20);
-    const struct {
-        const char* what;
-        std::vector<uint32_t> code;
-        uint64_t hard_limit_ms;
-        uint32_t flow_id, irq;
-    } cases[] = {
-        {"unknown opcode", {0x1F7, 0}, 0, 0, 0x8001},
-        {"no end", {0x101}, 0, 0, 0x8001},
-        {"access outside memory", {setr(0), 0x100, setr(2), 16, op4(kFill, 0, 1, 2), 0}, 0, 0, 0x8001},
-        {"last finished flow", {kFlow | 0x100 | 5 << 16, 0x1F7}, 0, 5, 0x8001},
-        // 48 MiB written at 32 bytes a cycle and 1000 MHz: 1.5 ms
-        {"hard limit", {setr(0), m.unit(buf), setr(2), 16 << 20, op4(kFill, 0, 1, 2), op4(kFill, 0, 1, 2),
-                        op4(kFill, 0, 1, 2), 0}, 1, 0, 0x8002},
-    };
-    for (const auto& c : cases) {
-        EXPECT_NE(m.run(c.code, c.hard_limit_ms), 0) << c.what;
-        EXPECT_EQ(m.res->hw_error_msg, c.irq) << c.what;
-        EXPECT_EQ(m.res->code_out_flow_id, c.flow_id) << c.what;
-    }
 }
 
 } // namespace

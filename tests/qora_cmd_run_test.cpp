@@ -3,10 +3,12 @@
 // files and the model's call trace.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <sstream>
 
+#include "kvx_asm.h"
 #include "test_util.h"
 
 namespace {
@@ -18,14 +20,13 @@ std::string line(uint32_t w0, uint32_t w1, uint32_t w2, uint32_t w3)
     return text;
 }
 
-// Header words of the engine's instructions.
 uint32_t setr(uint32_t reg)
 {
-    return 0x0202 | reg << 16;
+    return kvx_asm_setr(reg, 1);
 }
 uint32_t move(uint32_t dst, uint32_t src, uint32_t len)
 {
-    return 0x0103 | (dst | src << 4 | len << 8) << 16;
+    return kvx_asm_regs(KVX_OP_MOVE, dst, src, len, 0);
 }
 
 const std::string kInput = line(0x03020100, 0x07060504, 0x0b0a0908, 0x0f0e0d0c) +
@@ -134,7 +135,8 @@ TEST_F(RunMode, OptionsReachTheMiddleware)
          {}},
         {"VLM refused: shared DRAM instead", "KVX_MODEL_NO_VLM=1", "-f " + dir + "/vlm.hex -g " + dir + "/gold.hex",
          0, {"get vlm fail!!\n", "success"}, {"1048576, 4096, KORVEX_MEM_TYPE_DRAM, 2) = mem#"}, {}},
-        {"VLM disabled", "", "-f " + dir + "/vlm.hex -g " + dir + "/gold.hex --no_vlm", 0, {"success"}, {},
+        {"VLM disabled: the code reaches the on-chip memory without a handle", "",
+         "-f " + dir + "/vlm.hex -g " + dir + "/gold.hex --no_vlm", 1, {"irq hint = 0x8007\n", "Command Fail!!"}, {},
          {"KORVEX_MEM_TYPE_VLM", "VLM_USAGE"}},
         {"PMU normal mode", "", copy + "-p 0101 -p 1001 -p 1708", 0,
          {"pmu freq = 1000000\n", "normal mode, cmd_log = 0x51000000--------\n", "evt:0x0101, cnt: 5\n",
@@ -309,7 +311,8 @@ TEST_F(RunMode, WarningsAndVerdicts)
          {"] golden number(2) dismatch (output num = 1)\n", "Run pattern 1 times : done (doesn't compare golden)"}, {}, {}},
         {"the first of two outputs fails", "", "-f " + dir + "/two_out.hex -g " + dir + "/bad.hex -g " + dir + "/gold_b.hex",
          1, {"] output-0 fail\n", "] output-1 fail\n"}, {}, {}},
-        {"VLM usage refused", fail("korvexSubCmd_setParam:1"), vlm, 0, {"] setParam VLM usage: Fail\n", "success"}, {}, {}},
+        {"VLM usage refused: the code reaches past it", fail("korvexSubCmd_setParam:1"), vlm, 1,
+         {"] setParam VLM usage: Fail\n", "irq hint = 0x8008\n"}, {}, {}},
         {"turbo refused", fail("korvexSubCmd_setParam:1"), copy + "-b 120", 0, {"] setParam turbo boost: Fail\n"}, {}, {}},
         {"affinity refused", fail("korvexSubCmd_setParam:1"), copy + "-c 1", 0, {"] setParam core affinity: Fail\n"}, {}, {}},
         {"soft limit refused", fail("korvexCmd_setParam:1"), copy + "-o 5", 0, {"] setParam soft limit: Fail\n"}, {}, {}},
@@ -318,9 +321,9 @@ TEST_F(RunMode, WarningsAndVerdicts)
          {"] setParam performance mode: Fail\n"}, {}, {}},
         {"VLM context and pack refused", fail("korvexSubCmd_setParam:2,korvexCmd_setDependencyPack:1"), two, 0,
          {"] setParam SC_PARAM_VLM_CTX: Fail\n", "] setDependencyPack : Fail\n"}, {}, {}},
-        {"no shared memory either: the code reaches the on-chip memory itself",
-         "KVX_MODEL_NO_VLM=1 " + fail("korvexSession_memAlloc:4"), vlm, 0,
-         {"] get vlm fail!!\n", "] alloc share mem FAIL\n", "success"}, {}, {"VLM_USAGE"}},
+        {"no shared memory either: the code reaches the on-chip memory without a handle",
+         "KVX_MODEL_NO_VLM=1 " + fail("korvexSession_memAlloc:4"), vlm, 1,
+         {"] get vlm fail!!\n", "] alloc share mem FAIL\n", "irq hint = 0x8007\n"}, {}, {"VLM_USAGE"}},
         {"the dump cannot be written", "", "-f " + dir + "/copy.hex -g " + dir + "/bad.hex --dump_output", 1,
          {"] open file(output0_0.bin) error\n"}, {}, {}},
     };
@@ -331,6 +334,83 @@ TEST_F(RunMode, WarningsAndVerdicts)
             c.env = "-C " + dir;
         check(c);
     }
+}
+
+} // namespace
+
+namespace {
+
+// What the engine read from the player's buffers and parameters, as the
+// model's trace shows it per sub-command, and the order of the player's
+// calls around a run.
+TEST_F(RunMode, TheEngineReadsWhatThePlayerWrote)
+{
+    const std::string copy = "-f " + dir + "/copy.hex -g " + dir + "/gold.hex ";
+    const std::vector<RunCase> cases = {
+        {"no priority", "", copy, 0, {"success"},
+         {"engine_run(subcmd#1, core 0, priority none, 1000 MHz) = cause 0x00, detail 0x0\n"}, {}},
+        {"priority 10 is 2", "", copy + "--force_priority 10", 0, {"success"},
+         {"engine_run(subcmd#1, core 0, priority 2, 1000 MHz) = cause 0x00"}, {}},
+        {"command parameters", "", copy + "-b 50 -o 7 -a 9000 --delay_off 5 --perf_mode", 0, {"success"},
+         {"engine_run(subcmd#1, core 0, priority none, 800 MHz, soft_limit 7, hard_limit 9000, power_policy 2, "
+          "delay_off 5) = cause 0x00"},
+         {}},
+        {"VLM usage", "", "-f " + dir + "/vlm.hex -g " + dir + "/gold.hex", 0, {"success"},
+         {"engine_run(subcmd#1, core 0, priority none, 1000 MHz, vlm_usage 1048576) = cause 0x00"}, {}},
+        {"packed sub-commands share a VLM context", "", "-f " + dir + "/two.hex -g " + dir + "/gold.hex", 0,
+         {"success"},
+         {"engine_run(subcmd#1, core 0, priority none, 1000 MHz, vlm_ctx 1) = cause 0x00",
+          "engine_run(subcmd#2, core 1, priority none, 1000 MHz, vlm_ctx 1) = cause 0x00"},
+         {}},
+        {"high DRAM for every buffer", "", copy + "-d 2", 0, {"] 40000000\n: dev va = 0x80000000 sz = 32\n"},
+         {"korvexSession_memAlloc(session#1, 32, 4096, KORVEX_MEM_TYPE_DRAM, 2) = mem#"}, {}},
+        {"data buffers invalidated after the run, before the compare", "", copy + "-d 0", 0, {"success"},
+         {"korvexCmd_run(cmd#1) = 0\nkorvexSession_deleteCmd(session#1, cmd#1) = 0\n"
+          "korvexSession_memInvalidate(session#1, mem#1) = 0\n"},
+         {"korvexSession_memInvalidate(session#1, mem#2)"}},
+        {"PMU buffers named and sized", "", copy + "-p 0101 --flusher", 0, {"success"},
+         {"korvexSession_cmdBufAlloc(session#1, 983040, 1048576) = cb#7\n", "korvexSubCmd_addCmdBuf(subcmd#1, cb#7, "
+          "KORVEX_CB_OUT) = 0\n", "engine_run(subcmd#1, core 0, priority none, 1000 MHz) = cause 0x00"},
+         {}},
+    };
+    for (const RunCase& c : cases)
+        check(c);
+}
+
+// Drops, one at a time, each flush the player makes before its first run.
+// A buffer whose only flush is dropped holds host bytes the engine never
+// saw: the run must be refused. The player writes no buffer between its
+// flushes, so a buffer flushed twice survives one dropped flush.
+TEST_F(RunMode, EveryFlushBeforeARunCounts)
+{
+    const std::vector<std::pair<std::string, std::string>> runs = {
+        {"", "-f " + dir + "/two.hex -g " + dir + "/gold.hex -p 101"},
+        {"KVX_MODEL_NO_VLM=1", "-f " + dir + "/vlm.hex -g " + dir + "/gold.hex --flusher"},
+    };
+    int dropped = 0;
+    for (const auto& run : runs) {
+        std::string trace = dir + "/flushes.txt";
+        std::string out;
+        remove(trace.c_str());
+        ASSERT_EQ(run_player(run.second, &out, false, run.first + " KVX_MODEL_TRACE=" + trace), 0) << out;
+        std::istringstream lines(read_file(trace));
+        std::vector<std::string> flushed; // buffer of each flush, in order
+        for (std::string l; std::getline(lines, l) && l.find("korvexCmd_run") != 0;)
+            if (l.find("korvexSession_memFlush(") == 0)
+                flushed.push_back(l.substr(l.find(", ") + 2, l.find(')') - l.find(", ") - 2));
+        for (size_t n = 0; n < flushed.size(); n++) {
+            if (flushed[n] == "null")
+                continue;
+            bool flushed_again = std::count(flushed.begin(), flushed.end(), flushed[n]) > 1;
+            std::string what = run.second + ": flush " + std::to_string(n + 1) + " of " + flushed[n];
+            int rc = run_player(run.second, &out, false,
+                                run.first + " KVX_MODEL_DROP=korvexSession_memFlush:" + std::to_string(n + 1));
+            EXPECT_EQ(rc, flushed_again ? 0 : 1) << what << "\n" << out;
+            EXPECT_EQ(out.find("irq hint = 0x8030\n") != std::string::npos, !flushed_again) << what << "\n" << out;
+            dropped++;
+        }
+    }
+    EXPECT_GT(dropped, 20);
 }
 
 } // namespace

@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "kvx_asm.h"
+
 namespace {
 
 // A uint8 convolution with int32 bias and requantisation (the engine's CONV).
@@ -92,20 +94,6 @@ std::vector<uint8_t> reference_conv(const conv_params& p, const std::vector<uint
     return out;
 }
 
-// Instruction words (see docs/engine-model.md).
-uint32_t setr(uint32_t reg, uint32_t count = 1)
-{
-    return 0x02u | (count + 1) << 8 | reg << 16;
-}
-uint32_t nop(uint32_t len)
-{
-    return 0x01u | len << 8;
-}
-uint32_t regs_op(uint32_t opcode, uint32_t a, uint32_t b = 0, uint32_t c = 0, uint32_t d = 0)
-{
-    return opcode | 1u << 8 | (a | b << 4 | c << 8 | d << 12) << 16;
-}
-const uint32_t kMove = 3, kFill = 4, kAdd8 = 5, kMax8 = 6, kConv = 7, kFlow = 8, kCycles = 9;
 const uint32_t kVlmUnits = 0x1D900000 >> 4;
 
 // Code laid out at fixed word positions; gaps become NOPs.
@@ -117,7 +105,7 @@ struct code_layout {
     code_layout& to(size_t pos)
     {
         if (pos > at)
-            w[at] = nop((uint32_t)(pos - at));
+            w[at] = kvx_asm_nop((uint32_t)(pos - at));
         at = pos;
         return *this;
     }
@@ -131,7 +119,7 @@ struct code_layout {
 
 std::vector<uint32_t> shape_words(const conv_params& p)
 {
-    return {setr(8, 5), (uint32_t)(p.h | p.w << 16), (uint32_t)(p.cin | p.cout << 16),
+    return {kvx_asm_setr(8, 5), (uint32_t)(p.h | p.w << 16), (uint32_t)(p.cin | p.cout << 16),
             (uint32_t)(p.k | p.k << 8 | p.stride << 16 | p.pad << 24), (uint32_t)p.mult,
             (uint32_t)(p.shift | p.in_zp << 8 | p.out_zp << 16)};
 }
@@ -184,10 +172,10 @@ bool write_conv_demo(const std::string& dir)
     const conv_params& p = kDemo;
     workload w = make_workload(p, 1);
     code_layout code(24);
-    code.put({setr(0), 0, setr(1), 0, setr(2), 0, setr(3), 0});
+    code.put({kvx_asm_setr(0, 1), 0, kvx_asm_setr(1, 1), 0, kvx_asm_setr(2, 1), 0, kvx_asm_setr(3, 1), 0});
     for (uint32_t x : shape_words(p))
         code.put({x});
-    code.put({regs_op(kConv, 0, 1, 2, 3), kFlow | 1u << 8 | 1u << 16, 0});
+    code.put({kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3), kvx_asm_flow(1), kvx_asm_end()});
     std::string pattern = "// Output\n// @40009000 {" + std::to_string(p.oh() * p.ow() * p.cout) + "}\n// Data\n" +
                           block("40000000", w.bias_bytes()) + block("40001000", w.in) + block("40002000", w.wt) +
                           "// Code\n" + block("0", words(code.w)) +
@@ -204,11 +192,12 @@ bool write_conv2d_uint8(const std::string& dir)
     const conv_params& p = kConv2d;
     workload w = make_workload(p, 7);
     code_layout code(80);
-    code.to(16).put({setr(2), 0});
+    code.to(16).put({kvx_asm_setr(2, 1), 0});
     for (uint32_t x : shape_words(p))
         code.put({x});
-    code.to(27).put({setr(1), 0}).to(36).put({setr(0), 0}).to(67).put({setr(3), 0});
-    code.put({regs_op(kConv, 0, 1, 2, 3), kFlow | 1u << 8 | 1u << 16, 0});
+    code.to(27).put({kvx_asm_setr(1, 1), 0}).to(36).put({kvx_asm_setr(0, 1), 0});
+    code.to(67).put({kvx_asm_setr(3, 1), 0});
+    code.put({kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3), kvx_asm_flow(1), kvx_asm_end()});
     std::string pattern = "// Output\n// @40041000 {51200}\n// acx0_qora0_cmda_length_00000020\n// Code\n" +
                           block("0", words(code.w)) + "// Data\n" + block("40000000", w.bias_bytes()) +
                           block("40005000", padded(w.in, 230400)) + block("40001000", w.wt) +
@@ -222,30 +211,33 @@ bool write_conv2d_uint8(const std::string& dir)
 // memory, vector add and max, two 50x50x16 -> 48x48x128 convolutions, one
 // flow after each stage, and the cycle counter written over the first 8
 // output bytes (masked in the golden). Address operands at bytes 72 (bias),
-// 168 (input), 228 (weights), 432 and 436 (vector operands), 604 (output).
+// 104 and 108 (on-chip memory), 168 (input), 228 (weights), 432 and 436
+// (vector operands), 604 (output).
 bool write_max_pwr4_pi_test(const std::string& dir)
 {
     const conv_params& p = kMaxPower;
     workload w = make_workload(p, 11);
     std::vector<uint8_t> vec = bytes(256, 5);
     code_layout code(168);
-    code.to(17).put({setr(2), 0});
+    code.to(17).put({kvx_asm_setr(2, 1), 0});
     for (uint32_t x : shape_words(p))
         code.put({x});
     // r6: the bias copy in on-chip memory, r7: 256 bytes of scratch after it.
-    code.put({setr(6, 2), kVlmUnits, kVlmUnits + 0x20, setr(13), 512, regs_op(kMove, 6, 2, 13), setr(14), 256,
-              regs_op(kFill, 7, 14, 14), kFlow | 1u << 8 | 1u << 16});
-    code.to(41).put({setr(0), 0}).to(56).put({setr(1), 0}).to(107).put({setr(4, 2), 0, 0});
-    code.put({regs_op(kAdd8, 7, 4, 5, 14), regs_op(kMax8, 7, 7, 4, 14), kFlow | 1u << 8 | 2u << 16});
-    code.to(150).put({setr(3), 0});
-    code.put({regs_op(kConv, 0, 1, 2, 3), kFlow | 1u << 8 | 3u << 16, regs_op(kConv, 0, 1, 2, 3),
-              kFlow | 1u << 8 | 4u << 16, regs_op(kCycles, 3), kFlow | 1u << 8 | 5u << 16, 0});
+    code.put({kvx_asm_setr(6, 2), kVlmUnits, kVlmUnits + 0x20, kvx_asm_setr(13, 1), 512,
+              kvx_asm_regs(KVX_OP_MOVE, 6, 2, 13, 0), kvx_asm_setr(14, 1), 256, kvx_asm_regs(KVX_OP_FILL, 7, 14, 14, 0),
+              kvx_asm_flow(1)});
+    code.to(41).put({kvx_asm_setr(0, 1), 0}).to(56).put({kvx_asm_setr(1, 1), 0});
+    code.to(107).put({kvx_asm_setr(4, 2), 0, 0});
+    code.put({kvx_asm_regs(KVX_OP_ADD8, 7, 4, 5, 14), kvx_asm_regs(KVX_OP_MAX8, 7, 7, 4, 14), kvx_asm_flow(2)});
+    code.to(150).put({kvx_asm_setr(3, 1), 0});
+    code.put({kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3), kvx_asm_flow(3), kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3),
+              kvx_asm_flow(4), kvx_asm_regs(KVX_OP_CYCLES, 3, 0, 0, 0), kvx_asm_flow(5), kvx_asm_end()});
     std::string pattern = "// Output\n// @40100000 {294912}\n// acx0_qora0_cmda_length_00000041\n// Code\n" +
                           block("0", words(code.w)) + "// Data\n" + block("40000000", w.bias_bytes()) +
                           block("40008000", padded(w.in, 663552)) + block("40001000", w.wt) +
                           block("40006000", vec) +
-                          "// Binding\n// 72 @40000000\n// 168 @40008000\n// 228 @40001000\n// 432 @40006000\n"
-                          "// 436 @40006000\n// 604 @40100000\n";
+                          "// Binding\n// 72 @40000000\n// 104 @1D900000\n// 108 @1D900200\n// 168 @40008000\n"
+                          "// 228 @40001000\n// 432 @40006000\n// 436 @40006000\n// 604 @40100000\n";
     std::vector<uint8_t> out = reference_conv(p, w.in, w.wt, w.bias);
     std::vector<bool> masked(out.size(), false);
     for (int i = 0; i < 8; i++)

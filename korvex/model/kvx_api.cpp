@@ -1,13 +1,16 @@
 // Engine model: the korvex middleware API. Checks every handle and argument
-// like a strict driver, applies the test hooks, traces each call, and hands
-// the work to the memory model and the engine.
+// like a strict driver (parameters against their ranges, command buffers
+// attached once per command), applies the test hooks, traces each call, and
+// hands the work to the memory model and the engine.
 #include <algorithm>
+#include <iterator>
 #include <set>
 #include <string>
 
 #include "korvex.h"
 #include "kvx_engine.h"
 #include "kvx_hooks.h"
+#include "kvx_model.h"
 
 namespace {
 
@@ -75,24 +78,63 @@ std::string enum_name(int value, std::initializer_list<std::pair<int, const char
     return std::to_string(value);
 }
 
-std::string cmd_param_name(int t)
+// A parameter the middleware knows, and the largest value it takes.
+struct param_rule {
+    int type;
+    const char* name;
+    uint64_t max;
+};
+const uint64_t kU32Max = 0xFFFFFFFFu;
+const uint32_t kMaxVlmContext = 15;
+
+const param_rule kCmdParams[] = {
+    {CMD_PARAM_HARDLIMIT, "CMD_PARAM_HARDLIMIT", kU32Max},
+    {CMD_PARAM_SOFTLIMIT, "CMD_PARAM_SOFTLIMIT", kU32Max},
+    {CMD_PARAM_POWERPOLICY, "CMD_PARAM_POWERPOLICY", KORVEX_POWERPOLICY_PERFORMANCE},
+    {CMD_PARAM_DELAY_POWER_OFF_MS, "CMD_PARAM_DELAY_POWER_OFF_MS", kU32Max},
+};
+const param_rule kSubParams[] = {
+    {SC_PARAM_BOOST_VALUE, "SC_PARAM_BOOST_VALUE", 100},
+    {SC_PARAM_VLM_USAGE, "SC_PARAM_VLM_USAGE", kvx::kVlmSize},
+    {SC_PARAM_VLM_CTX, "SC_PARAM_VLM_CTX", kMaxVlmContext},
+    {SC_PARAM_TURBO_BOOST, "SC_PARAM_TURBO_BOOST", 1},
+    {SC_PARAM_CORE_AFFINITY, "SC_PARAM_CORE_AFFINITY", kU32Max},
+};
+
+template <size_t N>
+const param_rule* find_rule(const param_rule (&rules)[N], int type)
 {
-    return enum_name(t, {{CMD_PARAM_HARDLIMIT, "CMD_PARAM_HARDLIMIT"}, {CMD_PARAM_SOFTLIMIT, "CMD_PARAM_SOFTLIMIT"},
-                         {CMD_PARAM_POWERPOLICY, "CMD_PARAM_POWERPOLICY"},
-                         {CMD_PARAM_DELAY_POWER_OFF_MS, "CMD_PARAM_DELAY_POWER_OFF_MS"}});
+    auto it = std::find_if(std::begin(rules), std::end(rules), [type](const param_rule& r) { return r.type == type; });
+    return it == std::end(rules) ? nullptr : it;
 }
 
-std::string subcmd_param_name(int t)
+template <size_t N>
+std::string param_name(const param_rule (&rules)[N], int type)
 {
-    return enum_name(t, {{SC_PARAM_BOOST_VALUE, "SC_PARAM_BOOST_VALUE"}, {SC_PARAM_VLM_USAGE, "SC_PARAM_VLM_USAGE"},
-                         {SC_PARAM_VLM_CTX, "SC_PARAM_VLM_CTX"}, {SC_PARAM_TURBO_BOOST, "SC_PARAM_TURBO_BOOST"},
-                         {SC_PARAM_CORE_AFFINITY, "SC_PARAM_CORE_AFFINITY"}});
+    const param_rule* r = find_rule(rules, type);
+    return r != nullptr ? r->name : std::to_string(type);
+}
+
+template <size_t N>
+bool param_in_range(const param_rule (&rules)[N], int type, uint64_t value)
+{
+    const param_rule* r = find_rule(rules, type);
+    return r != nullptr && value <= r->max;
+}
+
+// A core mask names at least one core and only cores the engine has.
+bool cores_exist(uint64_t mask)
+{
+    uint32_t cores = kvx::hook_cores();
+    uint64_t all = cores >= 64 ? ~0ull : (1ull << cores) - 1;
+    return mask != 0 && (mask & ~all) == 0;
 }
 
 std::string runinfo_name(int t)
 {
     return enum_name(t, {{SC_RUNINFO_IPTIME, "SC_RUNINFO_IPTIME"}, {SC_RUNINFO_DRIVERTIME, "SC_RUNINFO_DRIVERTIME"},
-                         {SC_RUNINFO_BANDWIDTH, "SC_RUNINFO_BANDWIDTH"}});
+                         {SC_RUNINFO_BANDWIDTH, "SC_RUNINFO_BANDWIDTH"}, {KVX_RUNINFO_CAUSE, "KVX_RUNINFO_CAUSE"},
+                         {KVX_RUNINFO_DETAIL, "KVX_RUNINFO_DETAIL"}});
 }
 
 std::string direction_name(int d)
@@ -161,16 +203,27 @@ int traced(const char* op, const std::string& args, int result)
     return result;
 }
 
-bool known_cmd_param(int t)
+// An int-returning call under the hooks: -1 when it is to fail, 0 without
+// its work when it is to be dropped; otherwise 0 when `work` succeeds.
+template <typename Work>
+int hooked(const char* op, const std::string& args, Work work)
 {
-    return t == CMD_PARAM_HARDLIMIT || t == CMD_PARAM_SOFTLIMIT || t == CMD_PARAM_POWERPOLICY ||
-           t == CMD_PARAM_DELAY_POWER_OFF_MS;
+    kvx::hook_action action = kvx::hook_call(op);
+    if (action == kvx::HOOK_DROP) {
+        kvx::trace_call(op, args, "0 (dropped)");
+        return 0;
+    }
+    return traced(op, args, action == kvx::HOOK_NONE && work() ? 0 : -1);
 }
 
-bool known_subcmd_param(int t)
+// Whether a command buffer is attached to any sub-command of `cmd`.
+bool attached_to(const korvex_cmd* cmd, const void* buf)
 {
-    return t == SC_PARAM_BOOST_VALUE || t == SC_PARAM_VLM_USAGE || t == SC_PARAM_VLM_CTX ||
-           t == SC_PARAM_TURBO_BOOST || t == SC_PARAM_CORE_AFFINITY;
+    for (const korvex_subcmd* sub : cmd->subs)
+        for (const attached& a : sub->bufs)
+            if (a.buf == buf)
+                return true;
+    return false;
 }
 
 // A sub-command that may still be changed: alive and its command not built.
@@ -198,14 +251,15 @@ korvex_session_t* korvexSession_createInstance(void)
 
 int korvexSession_deleteInstance(korvex_session_t* session)
 {
-    std::string args = name_of(session);
-    if (kvx::hook_fail(__func__) || !live(session))
-        return traced(__func__, args, -1);
-    while (!session->cmds.empty())
-        delete_cmd(session->cmds.back());
-    g_sessions.erase(session);
-    delete session;
-    return traced(__func__, args, 0);
+    return hooked(__func__, name_of(session), [&] {
+        if (!live(session))
+            return false;
+        while (!session->cmds.empty())
+            delete_cmd(session->cmds.back());
+        g_sessions.erase(session);
+        delete session;
+        return true;
+    });
 }
 
 uint64_t korvexSession_queryDeviceNum(korvex_session_t* session, korvex_device_type type)
@@ -217,15 +271,23 @@ uint64_t korvexSession_queryDeviceNum(korvex_session_t* session, korvex_device_t
     return n;
 }
 
+// DRAM takes one of the allocation flags; the VLM handle none.
+static void* alloc_memory(korvex_session* session, unsigned int size, unsigned int align, korvex_mem_type type,
+                          uint64_t flags)
+{
+    if (type == KORVEX_MEM_TYPE_DRAM && flags <= KORVEX_MEM_HIGHADDR)
+        return session->mem.alloc(size, align, false, flags == KORVEX_MEM_HIGHADDR);
+    if (type == KORVEX_MEM_TYPE_VLM && size == 0 && align == 0 && flags == 0 && !kvx::hook_no_vlm())
+        return session->mem.take_vlm();
+    return nullptr;
+}
+
 void* korvexSession_memAlloc(korvex_session_t* session, unsigned int size, unsigned int align,
                              korvex_mem_type type, uint64_t flags)
 {
     void* p = nullptr;
     if (!kvx::hook_fail(__func__) && live(session)) {
-        if (type == KORVEX_MEM_TYPE_DRAM)
-            p = session->mem.alloc(size, align, false);
-        else if (type == KORVEX_MEM_TYPE_VLM && size == 0 && align == 0 && !kvx::hook_no_vlm())
-            p = session->mem.take_vlm();
+        p = alloc_memory(session, size, align, type, flags);
         if (p != nullptr)
             session->names[p] = "mem#" + num(++g_mem_ids);
     }
@@ -236,11 +298,12 @@ void* korvexSession_memAlloc(korvex_session_t* session, unsigned int size, unsig
 
 int korvexSession_memFree(korvex_session_t* session, void* host_ptr)
 {
-    std::string args = join(name_of(session), name_of_buffer(session, host_ptr));
-    if (kvx::hook_fail(__func__) || !live(session) || !session->mem.release(host_ptr, false))
-        return traced(__func__, args, -1);
-    session->names.erase(host_ptr);
-    return traced(__func__, args, 0);
+    return hooked(__func__, join(name_of(session), name_of_buffer(session, host_ptr)), [&] {
+        if (!live(session) || !session->mem.release(host_ptr, false))
+            return false;
+        session->names.erase(host_ptr);
+        return true;
+    });
 }
 
 uint64_t korvexSession_memGetInfoFromHostPtr(korvex_session_t* session, void* host_ptr, korvex_mem_info info)
@@ -257,23 +320,21 @@ uint64_t korvexSession_memGetInfoFromHostPtr(korvex_session_t* session, void* ho
 
 int korvexSession_memFlush(korvex_session_t* session, void* host_ptr)
 {
-    std::string args = join(name_of(session), name_of_buffer(session, host_ptr));
-    bool ok = !kvx::hook_fail(__func__) && live(session) && session->mem.flush(host_ptr);
-    return traced(__func__, args, ok ? 0 : -1);
+    return hooked(__func__, join(name_of(session), name_of_buffer(session, host_ptr)),
+                  [&] { return live(session) && session->mem.flush(host_ptr); });
 }
 
 int korvexSession_memInvalidate(korvex_session_t* session, void* host_ptr)
 {
-    std::string args = join(name_of(session), name_of_buffer(session, host_ptr));
-    bool ok = !kvx::hook_fail(__func__) && live(session) && session->mem.invalidate(host_ptr);
-    return traced(__func__, args, ok ? 0 : -1);
+    return hooked(__func__, join(name_of(session), name_of_buffer(session, host_ptr)),
+                  [&] { return live(session) && session->mem.invalidate(host_ptr); });
 }
 
 void* korvexSession_cmdBufAlloc(korvex_session_t* session, uint32_t size, uint32_t align)
 {
     void* p = nullptr;
     if (!kvx::hook_fail(__func__) && live(session) && size > 0) {
-        p = session->mem.alloc(size, align, true);
+        p = session->mem.alloc(size, align, true, false);
         if (p != nullptr)
             session->names[p] = "cb#" + num(++g_cb_ids);
     }
@@ -283,11 +344,12 @@ void* korvexSession_cmdBufAlloc(korvex_session_t* session, uint32_t size, uint32
 
 int korvexSession_cmdBufFree(korvex_session_t* session, void* cmd_buf)
 {
-    std::string args = join(name_of(session), name_of_buffer(session, cmd_buf));
-    if (kvx::hook_fail(__func__) || !live(session) || !session->mem.release(cmd_buf, true))
-        return traced(__func__, args, -1);
-    session->names.erase(cmd_buf);
-    return traced(__func__, args, 0);
+    return hooked(__func__, join(name_of(session), name_of_buffer(session, cmd_buf)), [&] {
+        if (!live(session) || !session->mem.release(cmd_buf, true))
+            return false;
+        session->names.erase(cmd_buf);
+        return true;
+    });
 }
 
 korvex_cmd_t* korvexSession_createCmd(korvex_session_t* session)
@@ -306,20 +368,22 @@ korvex_cmd_t* korvexSession_createCmd(korvex_session_t* session)
 
 int korvexSession_deleteCmd(korvex_session_t* session, korvex_cmd_t* cmd)
 {
-    std::string args = join(name_of(session), name_of(cmd));
-    if (kvx::hook_fail(__func__) || !live(session) || !live(cmd) || cmd->session != session)
-        return traced(__func__, args, -1);
-    delete_cmd(cmd);
-    return traced(__func__, args, 0);
+    return hooked(__func__, join(name_of(session), name_of(cmd)), [&] {
+        if (!live(session) || !live(cmd) || cmd->session != session)
+            return false;
+        delete_cmd(cmd);
+        return true;
+    });
 }
 
 int korvexCmd_setParam(korvex_cmd_t* cmd, korvex_cmd_param_type type, uint64_t value)
 {
-    std::string args = join(name_of(cmd), cmd_param_name(type), num(value));
-    if (kvx::hook_fail(__func__) || !live(cmd) || cmd->built || !known_cmd_param(type))
-        return traced(__func__, args, -1);
-    cmd->params[type] = value;
-    return traced(__func__, args, 0);
+    return hooked(__func__, join(name_of(cmd), param_name(kCmdParams, type), num(value)), [&] {
+        if (!live(cmd) || cmd->built || !param_in_range(kCmdParams, type, value))
+            return false;
+        cmd->params[type] = value;
+        return true;
+    });
 }
 
 korvex_subcmd_t* korvexCmd_createSubcmd(korvex_cmd_t* cmd, korvex_device_type type)
@@ -338,59 +402,67 @@ korvex_subcmd_t* korvexCmd_createSubcmd(korvex_cmd_t* cmd, korvex_device_type ty
 
 int korvexCmd_setDependencyPack(korvex_cmd_t* cmd, korvex_subcmd_t* first, korvex_subcmd_t* second)
 {
-    std::string args = join(name_of(cmd), name_of(first), name_of(second));
-    bool ok = !kvx::hook_fail(__func__) && live(cmd) && !cmd->built && live(first) && live(second) &&
-              first->cmd == cmd && second->cmd == cmd && first != second;
-    if (ok)
+    return hooked(__func__, join(name_of(cmd), name_of(first), name_of(second)), [&] {
+        if (!live(cmd) || cmd->built || !live(first) || !live(second) || first->cmd != cmd ||
+            second->cmd != cmd || first == second)
+            return false;
         cmd->packs.emplace_back(first, second);
-    return traced(__func__, args, ok ? 0 : -1);
+        return true;
+    });
 }
 
 int korvexCmd_build(korvex_cmd_t* cmd)
 {
-    std::string args = name_of(cmd);
-    if (kvx::hook_fail(__func__) || !live(cmd) || cmd->built || cmd->subs.empty())
-        return traced(__func__, args, -1);
-    cmd->built = true;
-    return traced(__func__, args, 0);
+    return hooked(__func__, name_of(cmd), [&] {
+        if (!live(cmd) || cmd->built || cmd->subs.empty())
+            return false;
+        cmd->built = true;
+        return true;
+    });
 }
 
 int korvexCmd_run(korvex_cmd_t* cmd)
 {
-    std::string args = name_of(cmd);
-    if (kvx::hook_fail(__func__) || !live(cmd) || !cmd->built)
-        return traced(__func__, args, -1);
-    return traced(__func__, args, kvx::run_command(cmd, kvx::hook_cores()));
+    return hooked(__func__, name_of(cmd),
+                  [&] { return live(cmd) && cmd->built && kvx::run_command(cmd, kvx::hook_cores()) == 0; });
 }
 
 int korvexSubCmd_setParam(korvex_subcmd_t* subcmd, korvex_subcmd_param_type type, uint64_t value)
 {
-    std::string args = join(name_of(subcmd), subcmd_param_name(type), num(value));
-    if (kvx::hook_fail(__func__) || !open_subcmd(subcmd) || !known_subcmd_param(type))
-        return traced(__func__, args, -1);
-    subcmd->params[type] = value;
-    return traced(__func__, args, 0);
+    return hooked(__func__, join(name_of(subcmd), param_name(kSubParams, type), num(value)), [&] {
+        if (!open_subcmd(subcmd) || !param_in_range(kSubParams, type, value) ||
+            (type == SC_PARAM_CORE_AFFINITY && !cores_exist(value)))
+            return false;
+        subcmd->params[type] = value;
+        return true;
+    });
 }
 
+// A command buffer goes to one sub-command of a command, once.
 int korvexSubCmd_addCmdBuf(korvex_subcmd_t* subcmd, void* cmd_buf, korvex_cb_direction direction)
 {
     korvex_session* s = live(subcmd) ? subcmd->cmd->session : nullptr;
-    std::string args = join(name_of(subcmd), name_of_buffer(s, cmd_buf), direction_name(direction));
-    bool ok = !kvx::hook_fail(__func__) && open_subcmd(subcmd) && s->mem.cmdbuf(cmd_buf) != nullptr &&
-              direction >= KORVEX_CB_BIDIRECTIONAL && direction <= KORVEX_CB_OUT;
-    if (ok)
-        subcmd->bufs.push_back(cmd_buf);
-    return traced(__func__, args, ok ? 0 : -1);
+    return hooked(__func__, join(name_of(subcmd), name_of_buffer(s, cmd_buf), direction_name(direction)), [&] {
+        if (!open_subcmd(subcmd) || s->mem.cmdbuf(cmd_buf) == nullptr || direction < KORVEX_CB_BIDIRECTIONAL ||
+            direction > KORVEX_CB_OUT || attached_to(subcmd->cmd, cmd_buf))
+            return false;
+        subcmd->bufs.push_back({cmd_buf, direction});
+        return true;
+    });
 }
 
 uint64_t korvexSubCmd_getRunInfo(korvex_subcmd_t* subcmd, korvex_subcmd_runinfo_type type)
 {
     uint64_t v = 0;
     if (!kvx::hook_fail(__func__) && live(subcmd)) {
-        v = type == SC_RUNINFO_IPTIME       ? subcmd->ip_us
-            : type == SC_RUNINFO_DRIVERTIME ? subcmd->driver_us
-            : type == SC_RUNINFO_BANDWIDTH  ? subcmd->bandwidth
-                                            : 0;
+        switch ((int)type) {
+        case SC_RUNINFO_IPTIME: v = subcmd->ip_us; break;
+        case SC_RUNINFO_DRIVERTIME: v = subcmd->driver_us; break;
+        case SC_RUNINFO_BANDWIDTH: v = subcmd->bandwidth; break;
+        case KVX_RUNINFO_CAUSE: v = subcmd->cause; break;
+        case KVX_RUNINFO_DETAIL: v = subcmd->detail; break;
+        default: break;
+        }
     }
     kvx::trace_call(__func__, join(name_of(subcmd), runinfo_name(type)), num(v));
     return v;

@@ -1,18 +1,25 @@
-// Engine model: environment hooks for tests and the call trace.
+// Engine model: environment hooks for tests and the traces.
 #include "kvx_hooks.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <map>
 
 namespace kvx {
 
-static uint32_t g_cores = 2;
+static const uint32_t kDefaultCores = 2;
+
+// One of the op:N lists and the calls it picks.
+struct call_picks {
+    std::string spec;
+    std::map<std::string, uint32_t> at; // op -> picked call number
+};
+
+static uint32_t g_cores = kDefaultCores;
 static bool g_no_vlm = false;
-static std::string g_fail_spec;
-static std::map<std::string, uint32_t> g_fail_at; // op -> failing call number
-static std::map<std::string, uint32_t> g_calls;   // op -> calls so far
+static call_picks g_fail, g_drop;
+static std::map<std::string, uint32_t> g_calls; // op -> calls so far
 static std::string g_trace_path;
+static std::string g_itrace_path;
 
 static std::string env(const char* name)
 {
@@ -20,34 +27,43 @@ static std::string env(const char* name)
     return v == nullptr ? "" : v;
 }
 
-static void parse_fail_spec(const std::string& spec)
+static void parse_picks(const std::string& spec, std::map<std::string, uint32_t>* at)
 {
-    g_fail_at.clear();
+    at->clear();
     size_t start = 0;
     while (start < spec.size()) {
         size_t end = spec.find(',', start);
         std::string item = spec.substr(start, end == std::string::npos ? std::string::npos : end - start);
         size_t colon = item.rfind(':');
         if (colon != std::string::npos)
-            g_fail_at[item.substr(0, colon)] = (uint32_t)strtoul(item.c_str() + colon + 1, nullptr, 10);
+            (*at)[item.substr(0, colon)] = (uint32_t)strtoul(item.c_str() + colon + 1, nullptr, 10);
         if (end == std::string::npos)
             break;
         start = end + 1;
     }
 }
 
+// A changed list restarts the call counts.
+static bool reload_picks(call_picks* picks, const char* name)
+{
+    std::string spec = env(name);
+    if (spec == picks->spec)
+        return false;
+    picks->spec = spec;
+    parse_picks(spec, &picks->at);
+    return true;
+}
+
 void hooks_reload()
 {
     std::string cores = env("KVX_MODEL_CORES");
-    g_cores = cores.empty() ? 2 : (uint32_t)strtoul(cores.c_str(), nullptr, 10);
+    g_cores = cores.empty() ? kDefaultCores : (uint32_t)strtoul(cores.c_str(), nullptr, 10);
     g_no_vlm = env("KVX_MODEL_NO_VLM") == "1";
     g_trace_path = env("KVX_MODEL_TRACE");
-    std::string spec = env("KVX_MODEL_FAIL");
-    if (spec != g_fail_spec) {
-        g_fail_spec = spec;
-        parse_fail_spec(spec);
+    g_itrace_path = env("KVX_MODEL_ITRACE");
+    bool fail_changed = reload_picks(&g_fail, "KVX_MODEL_FAIL");
+    if (reload_picks(&g_drop, "KVX_MODEL_DROP") || fail_changed)
         g_calls.clear();
-    }
 }
 
 uint32_t hook_cores()
@@ -60,11 +76,21 @@ bool hook_no_vlm()
     return g_no_vlm;
 }
 
-bool hook_fail(const char* op)
+static bool picked(const call_picks& picks, const char* op, uint32_t n)
+{
+    auto it = picks.at.find(op);
+    return it != picks.at.end() && it->second == n;
+}
+
+hook_action hook_call(const char* op)
 {
     uint32_t n = ++g_calls[op];
-    auto it = g_fail_at.find(op);
-    return it != g_fail_at.end() && it->second == n;
+    return picked(g_fail, op, n) ? HOOK_FAIL : picked(g_drop, op, n) ? HOOK_DROP : HOOK_NONE;
+}
+
+bool hook_fail(const char* op)
+{
+    return hook_call(op) == HOOK_FAIL;
 }
 
 bool tracing()
@@ -81,6 +107,11 @@ void trace_call(const char* op, const std::string& args, const std::string& resu
         return;
     fprintf(fp, "%s(%s) = %s\n", op, args.c_str(), result.c_str());
     fclose(fp);
+}
+
+FILE* open_instruction_log()
+{
+    return g_itrace_path.empty() ? nullptr : fopen(g_itrace_path.c_str(), "a");
 }
 
 std::string handle_name(const char* kind, uint32_t id, const void* handle)

@@ -1,8 +1,12 @@
-// Engine model: decode and execute, one short definition per instruction.
+// Engine model: decode and execute, one short definition per instruction,
+// dispatched through the instruction table.
 #include "kvx_isa.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
+
+#include "kvx_model.h"
 
 namespace kvx {
 
@@ -18,18 +22,37 @@ struct decoded {
     uint32_t operand_count;
 };
 
+enum step { STEP_NEXT, STEP_DONE, STEP_FAULT };
+
+static step fault(isa_context& c, uint32_t cause, uint32_t detail)
+{
+    c.cause = cause;
+    c.detail = detail;
+    return STEP_FAULT;
+}
+
 // Register fields of the immediate: a in bits 0-3, b in 4-7, c in 8-11, d in 12-15.
 static inline uint32_t field(uint32_t imm, int n)
 {
     return (imm >> (4 * n)) & 15;
 }
 
-// The device memory a register names, checked for `len` bytes.
-static uint8_t* memory_at(isa_context& c, uint32_t reg, uint64_t len)
+// The device memory a register names, checked for `len` bytes; null after
+// recording the fault.
+static uint8_t* memory_at(isa_context& c, uint32_t reg, uint64_t len, bool write)
 {
-    if (len > 0xFFFFFFFFull)
+    uint32_t va = c.r[reg] << 4;
+    if (len > 0xFFFFFFFFull) {
+        fault(c, KVX_CAUSE_NO_MEMORY, va);
         return nullptr;
-    return c.mem->device_range(c.r[reg] << 4, (uint32_t)len);
+    }
+    uint32_t cause = 0;
+    uint8_t* p = c.mem->device_range(va, (uint32_t)len, c.vlm_bytes, &cause);
+    if (p == nullptr)
+        fault(c, cause, va);
+    else if (c.log != nullptr)
+        c.touched.push_back({va, (uint32_t)len, write});
+    return p;
 }
 
 static void wrote(isa_context& c, uint32_t reg, uint32_t len)
@@ -38,75 +61,80 @@ static void wrote(isa_context& c, uint32_t reg, uint32_t len)
     c.work.bytes_written += len;
 }
 
-static bool exec_nop(isa_context&, const decoded&)
+static step exec_END(isa_context&, const decoded&)
 {
-    return true;
+    return STEP_DONE;
+}
+
+static step exec_NOP(isa_context&, const decoded&)
+{
+    return STEP_NEXT;
 }
 
 // SETR: r[a], r[a+1], ... = the operand words, one register each.
-static bool exec_setr(isa_context& c, const decoded& d)
+static step exec_SETR(isa_context& c, const decoded& d)
 {
     uint32_t first = field(d.imm, 0);
     if (d.operand_count == 0 || first + d.operand_count > 16)
-        return false;
+        return fault(c, KVX_CAUSE_BAD_OPERAND, c.pc);
     for (uint32_t i = 0; i < d.operand_count; i++)
         c.r[first + i] = d.operands[i];
-    return true;
+    return STEP_NEXT;
 }
 
 // MOVE: r[a] <- r[c] bytes from r[b].
-static bool exec_move(isa_context& c, const decoded& d)
+static step exec_MOVE(isa_context& c, const decoded& d)
 {
     uint32_t n = c.r[field(d.imm, 2)];
-    uint8_t* dst = memory_at(c, field(d.imm, 0), n);
-    uint8_t* src = memory_at(c, field(d.imm, 1), n);
-    if (dst == nullptr || src == nullptr)
-        return false;
+    uint8_t* src = memory_at(c, field(d.imm, 1), n, false);
+    uint8_t* dst = src == nullptr ? nullptr : memory_at(c, field(d.imm, 0), n, true);
+    if (dst == nullptr)
+        return STEP_FAULT;
     memmove(dst, src, n);
     wrote(c, field(d.imm, 0), n);
     c.work.bytes_read += n;
     c.work.dma_commands++;
-    return true;
+    return STEP_NEXT;
 }
 
 // FILL: r[c] bytes at r[a] <- low byte of r[b].
-static bool exec_fill(isa_context& c, const decoded& d)
+static step exec_FILL(isa_context& c, const decoded& d)
 {
     uint32_t n = c.r[field(d.imm, 2)];
-    uint8_t* dst = memory_at(c, field(d.imm, 0), n);
+    uint8_t* dst = memory_at(c, field(d.imm, 0), n, true);
     if (dst == nullptr)
-        return false;
+        return STEP_FAULT;
     memset(dst, (int)(c.r[field(d.imm, 1)] & 0xFF), n);
     wrote(c, field(d.imm, 0), n);
     c.work.dma_commands++;
-    return true;
+    return STEP_NEXT;
 }
 
 // Elementwise on r[d] bytes: r[a][i] <- op(r[b][i], r[c][i]).
 template <typename Op>
-static bool exec_elementwise(isa_context& c, const decoded& d, Op op)
+static step exec_elementwise(isa_context& c, const decoded& d, Op op)
 {
     uint32_t n = c.r[field(d.imm, 3)];
-    uint8_t* dst = memory_at(c, field(d.imm, 0), n);
-    const uint8_t* x = memory_at(c, field(d.imm, 1), n);
-    const uint8_t* y = memory_at(c, field(d.imm, 2), n);
-    if (dst == nullptr || x == nullptr || y == nullptr)
-        return false;
+    const uint8_t* x = memory_at(c, field(d.imm, 1), n, false);
+    const uint8_t* y = x == nullptr ? nullptr : memory_at(c, field(d.imm, 2), n, false);
+    uint8_t* dst = y == nullptr ? nullptr : memory_at(c, field(d.imm, 0), n, true);
+    if (dst == nullptr)
+        return STEP_FAULT;
     for (uint32_t i = 0; i < n; i++)
         dst[i] = op(x[i], y[i]);
     wrote(c, field(d.imm, 0), n);
     c.work.bytes_read += 2ull * n;
     c.work.vector_elements += n;
     c.work.vector_commands++;
-    return true;
+    return STEP_NEXT;
 }
 
-static bool exec_add8(isa_context& c, const decoded& d)
+static step exec_ADD8(isa_context& c, const decoded& d)
 {
     return exec_elementwise(c, d, [](uint8_t x, uint8_t y) { return (uint8_t)std::min(255, x + y); });
 }
 
-static bool exec_max8(isa_context& c, const decoded& d)
+static step exec_MAX8(isa_context& c, const decoded& d)
 {
     return exec_elementwise(c, d, [](uint8_t x, uint8_t y) { return std::max(x, y); });
 }
@@ -175,20 +203,20 @@ static void conv_pixel(const conv_shape& s, const uint8_t* in, const int8_t* wt,
 
 // CONV: uint8 NHWC input r[a], int8 weights r[b] [cout][kh][kw][cin], int32
 // bias r[c], uint8 NHWC output r[d]; shape in r8-r12.
-static bool exec_conv(isa_context& c, const decoded& d)
+static step exec_CONV(isa_context& c, const decoded& d)
 {
     conv_shape s;
     if (!conv_shape_of(c, &s))
-        return false;
+        return fault(c, KVX_CAUSE_BAD_OPERAND, c.pc);
     uint64_t in_len = (uint64_t)s.h * s.w * s.cin;
     uint64_t wt_len = (uint64_t)s.cout * s.kh * s.kw * s.cin;
     uint64_t out_len = (uint64_t)s.oh * s.ow * s.cout;
-    const uint8_t* in = memory_at(c, field(d.imm, 0), in_len);
-    const int8_t* wt = (const int8_t*)memory_at(c, field(d.imm, 1), wt_len);
-    const uint8_t* bias = memory_at(c, field(d.imm, 2), 4ull * s.cout);
-    uint8_t* out = memory_at(c, field(d.imm, 3), out_len);
-    if (in == nullptr || wt == nullptr || bias == nullptr || out == nullptr)
-        return false;
+    const uint8_t* in = memory_at(c, field(d.imm, 0), in_len, false);
+    const int8_t* wt = in == nullptr ? nullptr : (const int8_t*)memory_at(c, field(d.imm, 1), wt_len, false);
+    const uint8_t* bias = wt == nullptr ? nullptr : memory_at(c, field(d.imm, 2), 4ull * s.cout, false);
+    uint8_t* out = bias == nullptr ? nullptr : memory_at(c, field(d.imm, 3), out_len, true);
+    if (out == nullptr)
+        return STEP_FAULT;
     for (uint32_t oy = 0; oy < s.oh; oy++)
         for (uint32_t ox = 0; ox < s.ow; ox++)
             conv_pixel(s, in, wt, bias, out, oy, ox);
@@ -196,45 +224,74 @@ static bool exec_conv(isa_context& c, const decoded& d)
     c.work.bytes_read += in_len + wt_len + 4ull * s.cout;
     c.work.macs += out_len * s.kh * s.kw * s.cin;
     c.work.conv_commands++;
-    return true;
+    return STEP_NEXT;
 }
 
-static bool exec_flow(isa_context& c, const decoded& d)
+static step exec_FLOW(isa_context& c, const decoded& d)
 {
     c.work.flows++;
     c.flows.push_back({d.imm, c.work});
-    return true;
+    return STEP_NEXT;
 }
 
 // CYCLES: the engine's 64-bit cycle counter, little-endian, at r[a].
-static bool exec_cycles(isa_context& c, const decoded& d)
+static step exec_CYCLES(isa_context& c, const decoded& d)
 {
-    uint8_t* dst = memory_at(c, field(d.imm, 0), 8);
+    uint8_t* dst = memory_at(c, field(d.imm, 0), 8, true);
     if (dst == nullptr)
-        return false;
+        return STEP_FAULT;
     uint64_t now = c.cycle_counter_base + work_cycles(c.work);
     memcpy(dst, &now, 8);
     wrote(c, field(d.imm, 0), 8);
-    return true;
+    return STEP_NEXT;
 }
 
 struct instruction {
-    opcode op;
-    bool (*exec)(isa_context&, const decoded&);
+    const char* name;
+    step (*exec)(isa_context&, const decoded&);
 };
 
-static const instruction kInstructions[] = {
-    {OP_NOP, exec_nop},     {OP_SETR, exec_setr}, {OP_MOVE, exec_move}, {OP_FILL, exec_fill},
-    {OP_ADD8, exec_add8},   {OP_MAX8, exec_max8}, {OP_CONV, exec_conv}, {OP_FLOW, exec_flow},
-    {OP_CYCLES, exec_cycles},
-};
+// Opcode -> instruction; unknown opcodes have no entry.
+static const std::array<instruction, 256> kInstructions = [] {
+    std::array<instruction, 256> table{};
+#define KVX_DISPATCH(code, NAME, ...) table[code] = {#NAME, exec_##NAME};
+    KVX_INSTRUCTIONS(KVX_DISPATCH)
+#undef KVX_DISPATCH
+    return table;
+}();
 
-static const instruction* lookup(uint8_t op)
+// One line of the instruction log: registers written and memory touched.
+static void log_instruction(isa_context& c, uint32_t pc, const char* name, const uint32_t* before)
 {
-    for (const instruction& i : kInstructions)
-        if (i.op == op)
-            return &i;
-    return nullptr;
+    fprintf(c.log, "%s pc=0x%04x %s", c.who.c_str(), pc, name);
+    for (int i = 0; i < 16; i++)
+        if (c.r[i] != before[i])
+            fprintf(c.log, " r%d=0x%08x", i, c.r[i]);
+    for (const touched_range& t : c.touched)
+        fprintf(c.log, " %s=0x%08x+%u", t.write ? "write" : "read", t.dev_va, t.len);
+    if (c.cause != KVX_CAUSE_NONE)
+        fprintf(c.log, " fault=0x%02x detail=0x%x", c.cause, c.detail);
+    fputc('\n', c.log);
+    c.touched.clear();
+}
+
+// Decodes the instruction at pc; STEP_FAULT when it cannot be run.
+static step decode(isa_context& c, const std::vector<uint32_t>& words, const instruction** ins, decoded* d)
+{
+    uint32_t at = c.pc / 4;
+    if (at >= words.size())
+        return fault(c, KVX_CAUSE_PAST_END, c.pc); // ran off the end without END
+    uint32_t header = words[at];
+    uint32_t len = (header >> 8) & 0xFF;
+    *ins = &kInstructions[header & 0xFF];
+    *d = {header >> 16, words.data() + at + 1, len == 0 ? 0 : len - 1};
+    if ((*ins)->exec == nullptr)
+        return fault(c, KVX_CAUSE_UNKNOWN_OPCODE, c.pc);
+    if ((header & 0xFF) == OP_END)
+        return STEP_NEXT; // END's length field is not read
+    if (len == 0)
+        return fault(c, KVX_CAUSE_ZERO_LENGTH, c.pc);
+    return at + len > words.size() ? fault(c, KVX_CAUSE_PAST_END, c.pc) : STEP_NEXT;
 }
 
 run_status run_code(isa_context& ctx)
@@ -242,22 +299,21 @@ run_status run_code(isa_context& ctx)
     std::vector<uint32_t> words(ctx.code_size / 4);
     memcpy(words.data(), ctx.code, words.size() * 4);
     for (;;) {
-        uint32_t at = ctx.pc / 4;
-        if (at >= words.size())
-            return RUN_FAULT; // ran off the end without END
-        uint32_t header = words[at];
-        uint8_t op = header & 0xFF;
-        uint32_t len = (header >> 8) & 0xFF;
-        ctx.work.instructions++;
-        if (op == OP_END)
-            return RUN_DONE;
-        const instruction* ins = lookup(op);
-        if (ins == nullptr || len == 0 || at + len > words.size())
-            return RUN_FAULT;
-        decoded d{header >> 16, words.data() + at + 1, len - 1};
-        if (!ins->exec(ctx, d))
-            return RUN_FAULT;
-        ctx.pc += 4 * len;
+        uint32_t pc = ctx.pc;
+        uint32_t before[16];
+        memcpy(before, ctx.r, sizeof(before));
+        const instruction* ins = nullptr;
+        decoded d{};
+        step s = decode(ctx, words, &ins, &d);
+        if (s == STEP_NEXT) {
+            ctx.work.instructions++;
+            s = ins->exec(ctx, d);
+        }
+        if (ctx.log != nullptr)
+            log_instruction(ctx, pc, ins != nullptr && ins->exec != nullptr ? ins->name : "?", before);
+        if (s != STEP_NEXT)
+            return s == STEP_DONE ? RUN_DONE : RUN_FAULT;
+        ctx.pc += 4 * (d.operand_count + 1);
     }
 }
 

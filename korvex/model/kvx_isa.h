@@ -1,33 +1,31 @@
 // Engine model: the instruction set of the QORA code buffer.
 //
-// Contract: run_code executes a code buffer from its first word until END.
+// Contract: run_code executes a code buffer from ctx.pc until END.
 // Instructions are little-endian 32-bit words: a header (bits 0-7 opcode,
 // bits 8-15 length in words including the header, bits 16-31 an immediate)
-// followed by length-1 operand words. Registers r0-r15 hold 32-bit values;
-// registers that name memory hold device addresses in 16-byte units. An
-// unknown opcode, a zero length, an instruction past the end of the code or
-// an access outside the session's memory faults the run.
+// followed by length-1 operand words; the instructions are those of
+// kvx_isa_table.h. Registers r0-r15 hold 32-bit values; registers that name
+// memory hold device addresses in 16-byte units. A fault stops the run and
+// leaves its cause and detail (kvx_model.h) in the context. With an
+// instruction log, each executed instruction appends one line: who, pc,
+// name, registers written, memory ranges read and written.
 #ifndef KVX_ISA_H
 #define KVX_ISA_H
 
 #include <cstdint>
+#include <cstdio>
+#include <string>
 #include <vector>
 
+#include "kvx_isa_table.h"
 #include "kvx_memory.h"
 
 namespace kvx {
 
 enum opcode : uint8_t {
-    OP_END = 0x00,
-    OP_NOP = 0x01,
-    OP_SETR = 0x02,
-    OP_MOVE = 0x03,
-    OP_FILL = 0x04,
-    OP_ADD8 = 0x05,
-    OP_MAX8 = 0x06,
-    OP_CONV = 0x07,
-    OP_FLOW = 0x08,
-    OP_CYCLES = 0x09,
+#define KVX_OPCODE(code, NAME, ...) OP_##NAME = code,
+    KVX_INSTRUCTIONS(KVX_OPCODE)
+#undef KVX_OPCODE
 };
 
 // Work done, in the units the timing model and the PMU count.
@@ -52,15 +50,26 @@ struct flow_mark {
     work_counters work;
 };
 
+// A memory range one instruction touched, for the instruction log.
+struct touched_range {
+    uint32_t dev_va, len;
+    bool write;
+};
+
 struct isa_context {
     device_memory* mem;
     const uint8_t* code;
     uint32_t code_size;
-    uint32_t pc; // byte offset of the next instruction
+    uint32_t pc;                 // byte offset of the next instruction
+    uint32_t vlm_bytes;          // bytes of the VLM the sub-command may use
     uint32_t r[16];
     uint64_t cycle_counter_base; // the engine's counter when the run started
     work_counters work;
     std::vector<flow_mark> flows;
+    uint32_t cause, detail;      // why the run stopped early (kvx_model.h)
+    FILE* log;                   // instruction log, or null
+    std::string who;             // the sub-command's name in the log
+    std::vector<touched_range> touched;
 };
 
 enum run_status { RUN_DONE = 0, RUN_FAULT = 1 };

@@ -1,17 +1,25 @@
 // Engine model: device memory, address space and host/device views.
 #include "kvx_memory.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
+#include "kvx_model.h"
+
 namespace kvx {
 
-// DRAM starts above the on-chip window and ends at the top of the 32-bit space.
+// DRAM starts above the on-chip window; its upper half holds high-address
+// buffers, up to the top of the 32-bit space.
 static const uint64_t kDramBase = 0x20000000;
+static const uint64_t kDramHigh = 0x80000000;
 static const uint64_t kDramEnd = 0x100000000ull;
-static const uint32_t kHostAlign = 64;
+static const uint32_t kMinHostAlign = 64;
+static const uint32_t kDefaultAlign = 16;
 
-device_memory::device_memory() : m_next_va(kDramBase), m_vlm(kVlmSize), m_vlm_held(false) {}
+device_memory::device_memory() : m_next_low(kDramBase), m_next_high(kDramHigh), m_vlm(kVlmSize), m_vlm_held(false)
+{
+}
 
 device_memory::~device_memory()
 {
@@ -21,21 +29,28 @@ device_memory::~device_memory()
     }
 }
 
-void* device_memory::alloc(uint32_t size, uint32_t align, bool is_cmdbuf)
+static uint64_t round_up(uint64_t v, uint64_t a)
 {
-    uint64_t a = align == 0 ? 16 : align;
+    return (v + a - 1) / a * a;
+}
+
+void* device_memory::alloc(uint32_t size, uint32_t align, bool is_cmdbuf, bool high)
+{
+    uint64_t a = align == 0 ? kDefaultAlign : align;
     if (a & (a - 1))
         return nullptr;
-    uint64_t base = (m_next_va + a - 1) / a * a;
+    uint64_t& next = high ? m_next_high : m_next_low;
+    uint64_t base = round_up(next, a);
     uint32_t room = size == 0 ? 1 : size;
-    if (base + room > kDramEnd)
+    if (base + room > (high ? kDramEnd : kDramHigh))
         return nullptr;
-    uint8_t* host = (uint8_t*)aligned_alloc(kHostAlign, (room + kHostAlign - 1) / kHostAlign * kHostAlign);
+    uint64_t host_align = std::max<uint64_t>(a, kMinHostAlign);
+    uint8_t* host = (uint8_t*)aligned_alloc(host_align, round_up(room, host_align));
     if (host == nullptr)
         return nullptr;
     memset(host, 0, room);
-    allocation* al = new allocation{(uint32_t)base, size, is_cmdbuf, false, host, std::vector<uint8_t>(room)};
-    m_next_va = base + room;
+    allocation* al = new allocation{(uint32_t)base, size, is_cmdbuf, false, host, std::vector<uint8_t>(room, kStaleByte)};
+    next = base + room;
     m_by_host[(uintptr_t)host] = al;
     m_by_device[al->dev_va] = al;
     return host;
@@ -45,7 +60,7 @@ void* device_memory::take_vlm()
 {
     if (m_vlm_held)
         return nullptr;
-    uint8_t* handle = (uint8_t*)aligned_alloc(kHostAlign, kHostAlign);
+    uint8_t* handle = (uint8_t*)aligned_alloc(kMinHostAlign, kMinHostAlign);
     if (handle == nullptr)
         return nullptr;
     m_by_host[(uintptr_t)handle] = new allocation{kVlmBase, kVlmSize, false, true, handle, {}};
@@ -94,6 +109,21 @@ bool device_memory::invalidate(void* host)
     return true;
 }
 
+bool device_memory::first_unflushed(uint32_t* dev_va) const
+{
+    for (const auto& entry : m_by_device) {
+        const allocation* al = entry.second;
+        if (memcmp(al->host, al->device.data(), al->size) == 0)
+            continue;
+        uint32_t at = 0;
+        while (al->host[at] == al->device[at])
+            at++;
+        *dev_va = al->dev_va + at;
+        return true;
+    }
+    return false;
+}
+
 allocation* device_memory::find_device(uint32_t dev_va, uint32_t len)
 {
     auto it = m_by_device.upper_bound(dev_va);
@@ -104,15 +134,17 @@ allocation* device_memory::find_device(uint32_t dev_va, uint32_t len)
     return end <= (uint64_t)al->dev_va + al->size ? al : nullptr;
 }
 
-uint8_t* device_memory::device_range(uint32_t dev_va, uint32_t len)
+uint8_t* device_memory::device_range(uint32_t dev_va, uint32_t len, uint32_t vlm_bytes, uint32_t* cause)
 {
     uint64_t end = (uint64_t)dev_va + len;
-    if (dev_va >= kVlmBase && end <= (uint64_t)kVlmBase + kVlmSize)
-        return m_vlm.data() + (dev_va - kVlmBase);
-    allocation* al = find_device(dev_va, len);
-    if (al == nullptr || al->is_cmdbuf)
-        return nullptr;
-    return al->device.data() + (dev_va - al->dev_va);
+    bool in_vlm = dev_va >= kVlmBase && end <= (uint64_t)kVlmBase + kVlmSize;
+    if (in_vlm) {
+        *cause = !m_vlm_held ? KVX_CAUSE_VLM_NOT_HELD : end > (uint64_t)kVlmBase + vlm_bytes ? KVX_CAUSE_VLM_USAGE : 0;
+        return *cause == 0 ? m_vlm.data() + (dev_va - kVlmBase) : nullptr;
+    }
+    allocation* al = find_device(dev_va, len); // DRAM lies above the on-chip window
+    *cause = al == nullptr ? KVX_CAUSE_NO_MEMORY : al->is_cmdbuf ? KVX_CAUSE_CMDBUF_ACCESS : 0;
+    return *cause == 0 ? al->device.data() + (dev_va - al->dev_va) : nullptr;
 }
 
 void device_memory::engine_wrote(uint32_t dev_va, uint32_t len)

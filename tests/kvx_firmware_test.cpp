@@ -1,0 +1,162 @@
+// The firmware's reading of the command buffers: each rule, broken by one
+// change to the buffers as the player lays them out, refuses the
+// sub-command with its own cause and detail.
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <functional>
+
+#include "kvx_firmware.h"
+#include "kvx_rig.h"
+
+namespace {
+
+// The player's records and the firmware's are one binary interface, defined
+// twice: every size and field offset must agree, or this does not compile.
+#define SAME_RECORD(player, firmware) static_assert(sizeof(player) == sizeof(kvx::firmware), #player " size")
+#define SAME_FIELD(player, firmware, field)                                                                   \
+    static_assert(offsetof(player, field) == offsetof(kvx::firmware, field), #player "." #field)
+SAME_RECORD(qora_cmd_info, fw_cmd_info);
+SAME_FIELD(qora_cmd_info, fw_cmd_info, code_offset);
+SAME_FIELD(qora_cmd_info, fw_cmd_info, reserved);
+SAME_FIELD(qora_cmd_info, fw_cmd_info, pmu_info_index);
+SAME_FIELD(qora_cmd_info, fw_cmd_info, pmu_info_out_index);
+SAME_FIELD(qora_cmd_info, fw_cmd_info, pmu_result_index);
+SAME_FIELD(qora_cmd_info, fw_cmd_info, rsv_1_index);
+SAME_FIELD(qora_cmd_info, fw_cmd_info, rsv_2_index);
+SAME_FIELD(qora_cmd_info, fw_cmd_info, rsv_3_index);
+SAME_RECORD(qora_cmd_result, fw_cmd_result);
+SAME_FIELD(qora_cmd_result, fw_cmd_result, code_out_flow_id);
+SAME_FIELD(qora_cmd_result, fw_cmd_result, code_out_core_id);
+SAME_FIELD(qora_cmd_result, fw_cmd_result, hw_error_msg);
+SAME_FIELD(qora_cmd_result, fw_cmd_result, out_debug_info_msg);
+SAME_RECORD(qora_player_info, fw_player_info);
+SAME_FIELD(qora_player_info, fw_player_info, arg_core_id);
+SAME_FIELD(qora_player_info, fw_player_info, mdw_core_id);
+SAME_FIELD(qora_player_info, fw_player_info, flag);
+SAME_FIELD(qora_player_info, fw_player_info, out_be_preempted_cnt);
+SAME_FIELD(qora_player_info, fw_player_info, out_prepare_us);
+SAME_FIELD(qora_player_info, fw_player_info, out_waiting_us);
+SAME_FIELD(qora_player_info, fw_player_info, out_blocked_us);
+SAME_FIELD(qora_player_info, fw_player_info, out_execute_us);
+SAME_FIELD(qora_player_info, fw_player_info, out_post_proc_us);
+SAME_RECORD(qora_pmu_info, fw_pmu_info);
+SAME_FIELD(qora_pmu_info, fw_pmu_info, result_buf_size);
+SAME_FIELD(qora_pmu_info, fw_pmu_info, pmu_mode);
+SAME_FIELD(qora_pmu_info, fw_pmu_info, number_of_event);
+SAME_FIELD(qora_pmu_info, fw_pmu_info, event);
+SAME_RECORD(qora_pmu_info_out, fw_pmu_info_out);
+SAME_FIELD(qora_pmu_info_out, fw_pmu_info_out, qora_freq);
+SAME_FIELD(qora_pmu_info_out, fw_pmu_info_out, burst_mode);
+SAME_FIELD(qora_pmu_info_out, fw_pmu_info_out, rsv);
+SAME_RECORD(qora_pmu_data_burst2, fw_pmu_data_burst2);
+SAME_FIELD(qora_pmu_data_burst2, fw_pmu_data_burst2, cmd_log);
+SAME_FIELD(qora_pmu_data_burst2, fw_pmu_data_burst2, pmu_end_tstamp);
+SAME_FIELD(qora_pmu_data_burst2, fw_pmu_data_burst2, pmu_cnt);
+SAME_RECORD(qora_pmu_data_burst4, fw_pmu_data_burst4);
+SAME_FIELD(qora_pmu_data_burst4, fw_pmu_data_burst4, cmd_log);
+SAME_FIELD(qora_pmu_data_burst4, fw_pmu_data_burst4, pmu_end_tstamp);
+SAME_FIELD(qora_pmu_data_burst4, fw_pmu_data_burst4, pmu_cnt);
+static_assert(QORA_PLAY_MARKER == kvx::kPlayMarker && QORA_PMU_MAX_EVENT == kvx::kMaxPmuEvents, "shared constants");
+
+using change = std::function<void(kvx_rig&, kvx_bundle&)>;
+
+struct firmware_case {
+    const char* what;
+    change broken;
+    uint32_t cause, detail;
+};
+
+void direction(kvx_bundle& b, size_t index, korvex_cb_direction d)
+{
+    b.attach[index].second = d;
+}
+
+void replace(kvx_rig& r, kvx_bundle& b, size_t index, uint32_t size)
+{
+    b.attach[index].first = r.cmdbuf(size);
+}
+
+TEST(EngineFirmware, EachRuleHasItsCause)
+{
+    const firmware_case cases[] = {
+        {"as the player lays them out", [](kvx_rig&, kvx_bundle&) {}, KVX_CAUSE_NONE, 0},
+        {"priority 7", [](kvx_rig&, kvx_bundle& b) { b.player->flag = 15; }, KVX_CAUSE_NONE, 0},
+        {"information attached as output", [](kvx_rig&, kvx_bundle& b) { direction(b, 0, KORVEX_CB_OUT); },
+         KVX_CAUSE_DIRECTION, 0},
+        {"result attached as input", [](kvx_rig&, kvx_bundle& b) { direction(b, 1, KORVEX_CB_IN); },
+         KVX_CAUSE_DIRECTION, 1},
+        {"code attached both ways", [](kvx_rig&, kvx_bundle& b) { direction(b, 2, KORVEX_CB_BIDIRECTIONAL); },
+         KVX_CAUSE_DIRECTION, 2},
+        {"player record attached as input", [](kvx_rig&, kvx_bundle& b) { direction(b, 3, KORVEX_CB_IN); },
+         KVX_CAUSE_DIRECTION, 3},
+        {"PMU output attached as input", [](kvx_rig&, kvx_bundle& b) { direction(b, 5, KORVEX_CB_IN); },
+         KVX_CAUSE_DIRECTION, 5},
+        {"PMU information attached as output", [](kvx_rig&, kvx_bundle& b) { direction(b, 4, KORVEX_CB_OUT); },
+         KVX_CAUSE_DIRECTION, 4},
+        {"player record in the code", [](kvx_rig&, kvx_bundle& b) { b.info->rsv_1_index = 2; },
+         KVX_CAUSE_INDEX_CLASH, 2},
+        {"player record index left 0", [](kvx_rig&, kvx_bundle& b) { b.info->rsv_1_index = 0; },
+         KVX_CAUSE_INDEX_CLASH, 0},
+        {"player record not attached", [](kvx_rig&, kvx_bundle& b) { b.info->rsv_1_index = 9; },
+         KVX_CAUSE_MISSING_BUFFER, 9},
+        {"only three buffers", [](kvx_rig&, kvx_bundle& b) { b.attach.resize(3); }, KVX_CAUSE_MISSING_BUFFER, 3},
+        {"information too short", [](kvx_rig& r, kvx_bundle& b) { replace(r, b, 0, 16); }, KVX_CAUSE_BUFFER_SIZE, 0},
+        {"result too short", [](kvx_rig& r, kvx_bundle& b) { replace(r, b, 1, 12); }, KVX_CAUSE_BUFFER_SIZE, 1},
+        {"player record too short", [](kvx_rig& r, kvx_bundle& b) { replace(r, b, 3, 32); },
+         KVX_CAUSE_BUFFER_SIZE, 3},
+        {"PMU information too short", [](kvx_rig& r, kvx_bundle& b) { replace(r, b, 4, 32); },
+         KVX_CAUSE_BUFFER_SIZE, 4},
+        {"PMU output too short", [](kvx_rig& r, kvx_bundle& b) { replace(r, b, 5, 5); }, KVX_CAUSE_BUFFER_SIZE, 5},
+        {"PMU result too short for a record", [](kvx_rig& r, kvx_bundle& b) { replace(r, b, 6, 32); },
+         KVX_CAUSE_BUFFER_SIZE, 6},
+        {"no marker", [](kvx_rig&, kvx_bundle& b) { b.info->reserved = 0x12345678; }, KVX_CAUSE_NO_MARKER,
+         0x12345678},
+        {"PMU information in the player record", [](kvx_rig&, kvx_bundle& b) { b.info->pmu_info_index = 3; },
+         KVX_CAUSE_INDEX_CLASH, 3},
+        {"two PMU records in one buffer", [](kvx_rig&, kvx_bundle& b) { b.info->pmu_info_out_index = 4; },
+         KVX_CAUSE_INDEX_CLASH, 4},
+        {"one PMU index left 0", [](kvx_rig&, kvx_bundle& b) { b.info->pmu_result_index = 0; },
+         KVX_CAUSE_INDEX_CLASH, 0},
+        {"PMU buffers attached, PMU off",
+         [](kvx_rig&, kvx_bundle& b) { b.info->pmu_info_index = b.info->pmu_info_out_index = b.info->pmu_result_index = 0; },
+         KVX_CAUSE_UNNAMED_BUFFER, 4},
+        {"unknown PMU mode", [](kvx_rig&, kvx_bundle& b) { b.pmu->pmu_mode = 2; }, KVX_CAUSE_PMU_INFO, 4},
+        {"15 PMU events", [](kvx_rig&, kvx_bundle& b) { b.pmu->number_of_event = 15; }, KVX_CAUSE_PMU_INFO, 4},
+        {"PMU result size past its buffer", [](kvx_rig&, kvx_bundle& b) { b.pmu->result_buf_size = 65; },
+         KVX_CAUSE_PMU_INFO, 6},
+        {"PMU result size below a record", [](kvx_rig&, kvx_bundle& b) { b.pmu->result_buf_size = 63; },
+         KVX_CAUSE_PMU_INFO, 6},
+        {"player flag without the priority bit", [](kvx_rig&, kvx_bundle& b) { b.player->flag = 5; },
+         KVX_CAUSE_PLAYER_FLAG, 5},
+        {"player flag with other bits", [](kvx_rig&, kvx_bundle& b) { b.player->flag = 0x18; },
+         KVX_CAUSE_PLAYER_FLAG, 0x18},
+    };
+    for (const firmware_case& c : cases) {
+        kvx_rig r;
+        kvx_bundle b = r.bundle({kvx_asm_end()}, 3);
+        c.broken(r, b);
+        r.flush(b);
+        kvx_outcome o = r.run(b);
+        EXPECT_EQ(o.run, c.cause == KVX_CAUSE_NONE ? 0 : -1) << c.what;
+        EXPECT_EQ(o.cause[0], c.cause) << c.what;
+        EXPECT_EQ(o.detail[0], c.detail) << c.what;
+        bool record_written = b.attach[1].first == b.res && b.attach[1].second == KORVEX_CB_OUT;
+        EXPECT_EQ(b.res->hw_error_msg, !record_written || c.cause == 0 ? 0 : (KVX_IRQ_BASE | c.cause)) << c.what;
+        EXPECT_EQ(b.res->out_debug_info_msg, record_written ? c.detail : 0) << c.what;
+    }
+}
+
+// Flusher mode reads the result size from the PMU information: the buffer
+// may be longer than one record.
+TEST(EngineFirmware, FlusherModeTakesItsResultSize)
+{
+    kvx_rig r;
+    kvx_bundle b = r.bundle({kvx_asm_flow(3), kvx_asm_end()}, 0, true);
+    kvx_outcome o = r.run(b);
+    EXPECT_EQ(o.run, 0);
+    EXPECT_EQ(b.pmu_out->burst_mode, 2);
+    EXPECT_EQ(b.pmu_buf[0], 0x51000003u) << "one record per flow";
+}
+
+} // namespace

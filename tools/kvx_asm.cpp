@@ -1,0 +1,188 @@
+// Assembles QORA code into the code lines of a pattern file, disassembles
+// such lines, and prints the instruction table of docs/engine-model.md.
+//
+//   kvx_asm [-o FILE] SOURCE    assemble SOURCE
+//   kvx_asm [-o FILE] -d FILE   disassemble the code lines of FILE
+//   kvx_asm [-o FILE] --table   the markdown instruction table
+//
+// "-" reads standard input. A code line holds 16 bytes as four 32-bit words,
+// the last first: word3_word2_word1_word0, each "%08x"; the last line is
+// padded with zero words. Other lines ("@0", "// ...") are skipped when
+// disassembling. Errors go to standard error, with exit code 1.
+#include <cctype>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "kvx_asm.h"
+
+namespace {
+
+const char kUsage[] = "usage: kvx_asm [-o FILE] SOURCE    assemble SOURCE into code lines\n"
+                      "       kvx_asm [-o FILE] -d FILE   disassemble the code lines of FILE\n"
+                      "       kvx_asm [-o FILE] --table   print the markdown instruction table\n"
+                      "\"-\" reads standard input; the output goes to FILE of -o, else standard output.\n";
+
+struct options {
+    std::string output;
+    std::string input;
+    bool disassemble = false;
+    bool table = false;
+    bool help = false;
+};
+
+bool fail(const std::string& message)
+{
+    fprintf(stderr, "kvx_asm: %s\n", message.c_str());
+    return false;
+}
+
+bool parse_args(int argc, char** argv, options* o)
+{
+    bool inputs = false;
+    for (int i = 1; i < argc; i++) {
+        std::string arg = argv[i];
+        bool with_file = arg == "-o" || arg == "-d";
+        if (with_file && i + 1 == argc)
+            return fail(arg + " needs a file");
+        if (arg == "-h" || arg == "--help")
+            o->help = true;
+        else if (arg == "--table")
+            o->table = true;
+        else if (arg == "-o")
+            o->output = argv[++i];
+        else if (arg.size() > 1 && arg[0] == '-' && !with_file)
+            return fail("unknown option " + arg);
+        else if (inputs)
+            return fail("one input only");
+        else {
+            o->disassemble = arg == "-d";
+            o->input = with_file ? argv[++i] : arg;
+            inputs = true;
+        }
+    }
+    if (!o->help && inputs == o->table)
+        return fail("give a source, -d FILE or --table (-h for help)");
+    return true;
+}
+
+bool read_input(const std::string& path, std::string* text)
+{
+    if (path == "-") {
+        text->assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+        return true;
+    }
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        return fail("cannot read " + path);
+    text->assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return true;
+}
+
+bool write_output(const std::string& path, const std::string& text)
+{
+    FILE* fp = path.empty() ? stdout : fopen(path.c_str(), "w");
+    if (fp == nullptr)
+        return fail("cannot write " + path);
+    bool ok = fwrite(text.data(), 1, text.size(), fp) == text.size();
+    ok = (fp == stdout ? fflush(fp) == 0 : fclose(fp) == 0) && ok;
+    return ok || fail("cannot write " + (path.empty() ? std::string("standard output") : path));
+}
+
+std::string code_lines(std::vector<uint32_t> w)
+{
+    w.resize((w.size() + 3) / 4 * 4, 0);
+    std::string text;
+    char line[40];
+    for (size_t i = 0; i < w.size(); i += 4) {
+        snprintf(line, sizeof(line), "%08x_%08x_%08x_%08x\n", w[i + 3], w[i + 2], w[i + 1], w[i]);
+        text += line;
+    }
+    return text;
+}
+
+bool is_code_line(const std::string& line)
+{
+    if (line.size() != 35)
+        return false;
+    for (size_t i = 0; i < line.size(); i++)
+        if (i % 9 == 8 ? line[i] != '_' : !isxdigit((unsigned char)line[i]))
+            return false;
+    return true;
+}
+
+std::vector<uint32_t> words_of(const std::string& text)
+{
+    std::vector<uint32_t> words;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line)) {
+        line.erase(line.find_last_not_of(" \t\r") + 1);
+        line.erase(0, line.find_first_not_of(" \t"));
+        if (!is_code_line(line))
+            continue;
+        for (int i = 3; i >= 0; i--)
+            words.push_back((uint32_t)strtoul(line.substr((size_t)i * 9, 8).c_str(), nullptr, 16));
+    }
+    return words;
+}
+
+bool assemble(const std::string& path, const std::string& source, std::string* out)
+{
+    uint32_t count = 0;
+    char error[256];
+    if (kvx_assemble(source.c_str(), nullptr, 0, &count, error, sizeof(error)) != 0)
+        return fail((path == "-" ? "standard input" : path) + ": " + error);
+    std::vector<uint32_t> words(count);
+    kvx_assemble(source.c_str(), words.data(), count, &count, error, sizeof(error));
+    *out = code_lines(words);
+    return true;
+}
+
+std::string disassemble(const std::string& text)
+{
+    std::vector<uint32_t> words = words_of(text);
+    std::vector<char> listing(64 * words.size() + 64);
+    while (kvx_disassemble(words.data(), (uint32_t)words.size(), listing.data(), listing.size()) != 0)
+        listing.resize(2 * listing.size());
+    return listing.data();
+}
+
+std::string table()
+{
+    std::string text(kvx_asm_table(nullptr, 0), '\0');
+    kvx_asm_table(&text[0], text.size() + 1);
+    return text;
+}
+
+bool run(const options& o)
+{
+    std::string in, out;
+    if (o.table)
+        out = table();
+    else if (!read_input(o.input, &in))
+        return false;
+    else if (o.disassemble)
+        out = disassemble(in);
+    else if (!assemble(o.input, in, &out))
+        return false;
+    return write_output(o.output, out);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    options o;
+    if (!parse_args(argc, argv, &o))
+        return 1;
+    if (o.help) {
+        fputs(kUsage, stdout);
+        return 0;
+    }
+    return run(o) ? 0 : 1;
+}
