@@ -132,7 +132,7 @@ TEST_F(RunMode, OptionsReachTheMiddleware)
         {"VLM obtained", "", "-f " + dir + "/vlm.hex -g " + dir + "/gold.hex", 0, {"success"},
          {"korvexSession_memAlloc(session#1, 0, 0, KORVEX_MEM_TYPE_VLM, 0) = mem#",
           "SC_PARAM_VLM_USAGE, 1048576) = 0"},
-         {}},
+         {"get vlm fail", "1048576, 4096, KORVEX_MEM_TYPE_DRAM"}},
         {"VLM refused: shared DRAM instead", "KVX_MODEL_NO_VLM=1", "-f " + dir + "/vlm.hex -g " + dir + "/gold.hex",
          0, {"get vlm fail!!\n", "success"}, {"1048576, 4096, KORVEX_MEM_TYPE_DRAM, 2) = mem#"}, {}},
         {"VLM disabled: the code reaches the on-chip memory without a handle", "",
