@@ -144,6 +144,9 @@ TEST_F(RunMode, OptionsReachTheMiddleware)
          {"korvexSession_cmdBufAlloc(session#1, 64, 1048576) = cb#"}, {}},
         {"PMU flusher mode", "", copy + "--flusher", 0, {"burst_mode = 0x2\n", "---- ip time = 0 us ----\n"},
          {"korvexSession_cmdBufAlloc(session#1, 983040, 1048576) = cb#"}, {}},
+        {"PMU flusher mode: one record per flow", "", "-f Test --flusher -p 0103", 0,
+         {"] ---- flow id = 0000 (cmd_log = 0x51000001), time = ", "] evt:0x0103, cnt: 1\n"}, {},
+         {"flow id = 0001"}},
         {"14 PMU events are refused", "",
          copy + "-p 1 -p 2 -p 3 -p 4 -p 5 -p 6 -p 7 -p 8 -p 9 -p a -p b -p c -p d -p e", 1,
          {"Warning: The number of PMU events > 14\n"}, {"korvexSubCmd_addCmdBuf(subcmd#1, null, KORVEX_CB_IN) = -1"}, {}},
@@ -349,8 +352,10 @@ TEST_F(RunMode, TheEngineReadsWhatThePlayerWrote)
     const std::vector<RunCase> cases = {
         {"no priority", "", copy, 0, {"success"},
          {"engine_run(subcmd#1, core 0, priority none, 1000 MHz) = cause 0x00, detail 0x0\n"}, {}},
-        {"priority 10 is 2", "", copy + "--force_priority 10", 0, {"success"},
-         {"engine_run(subcmd#1, core 0, priority 2, 1000 MHz) = cause 0x00"}, {}},
+        {"priority 13 is 5", "", copy + "--force_priority 13", 0, {"success"},
+         {"engine_run(subcmd#1, core 0, priority 5, 1000 MHz) = cause 0x00"}, {}},
+        {"priority 8 is 0", "", copy + "--force_priority 8", 0, {"success"},
+         {"engine_run(subcmd#1, core 0, priority 0, 1000 MHz) = cause 0x00"}, {}},
         {"command parameters", "", copy + "-b 50 -o 7 -a 9000 --delay_off 5 --perf_mode", 0, {"success"},
          {"engine_run(subcmd#1, core 0, priority none, 800 MHz, soft_limit 7, hard_limit 9000, power_policy 2, "
           "delay_off 5) = cause 0x00"},
