@@ -351,6 +351,38 @@ TEST(EngineModel, InstructionLog)
     EXPECT_EQ(text, want);
 }
 
+// The PMU counts the work of every unit, in the order of the events asked;
+// flusher mode writes one record per flow, 64-byte records past 6 events.
+TEST(EngineModel, PmuCountsEveryUnit)
+{
+    const uint16_t events[11] = {0x0101, 0x0102, 0x0103, 0x1001, 0x1002, 0x1003, 0x1701, 0x1708, 0x2001, 0x2002, 0x0000};
+    // 8 instructions; 54 bytes read, 49 written; 2 DMA commands, 1 CONV
+    // with 1 MAC, 16 vector elements in 1 command, 1 flow: 8 + 103/32 + 16/16 = 12 cycles.
+    const uint32_t total[11] = {8, 12, 1, 54, 49, 2, 1, 1, 16, 1, 0};
+    const uint32_t at_flow[11] = {7, 11, 1, 54, 49, 2, 1, 1, 16, 1, 0};
+    for (bool flusher : {false, true}) {
+        kvx_rig r;
+        uint8_t* out = r.dram(16);
+        uint8_t* x = r.dram(16, 1);
+        uint8_t* y = r.dram(16, 2);
+        kvx_bundle b = r.bundle({kvx_asm_setr(0, 4), r.unit(out), r.unit(x), r.unit(y), 16,
+                                 kvx_asm_regs(KVX_OP_MOVE, 0, 1, 3, 0), kvx_asm_regs(KVX_OP_FILL, 0, 1, 3, 0),
+                                 kvx_asm_regs(KVX_OP_ADD8, 0, 1, 2, 3), kvx_asm_setr(8, 5), 1 | 1 << 16,
+                                 1 | 1 << 16, 1 | 1 << 8 | 1 << 16, 1, 0, kvx_asm_regs(KVX_OP_CONV, 1, 2, 1, 0),
+                                 kvx_asm_flow(1), kvx_asm_end()},
+                                11, flusher);
+        memcpy(b.pmu->event, events, sizeof(events));
+        r.flush(b);
+        ASSERT_EQ(r.run(b).run, 0) << flusher;
+        EXPECT_EQ(b.pmu_out->qora_freq, 1000000u);
+        EXPECT_EQ(b.pmu_out->burst_mode, flusher ? 4 : 0);
+        EXPECT_EQ(b.pmu_buf[0], 0x51000001u) << "core 0, one flow / flow id 1";
+        EXPECT_EQ(b.pmu_buf[1], flusher ? 11u : 13u) << "the counter, odd";
+        for (int k = 0; k < 11; k++)
+            EXPECT_EQ(b.pmu_buf[2 + k], flusher ? at_flow[k] : total[k]) << std::hex << events[k];
+    }
+}
+
 // The convolution against the plain definition: NHWC uint8 input, int8
 // weights [cout][kh][kw][cin], int32 bias, rounding shift, zero points.
 TEST(EngineModel, ConvolutionMatchesItsDefinition)
