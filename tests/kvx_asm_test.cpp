@@ -58,6 +58,7 @@ const encoding_case kEncodings[] = {
     {"MAX8 r7, r7, r4, r14", {0xE4770106}},
     {"CONV r0, r1, r2, r3", {0x32100107}},
     {"FLOW 7", {0x00070108}},
+    {"FLOW 0x5", {0x00050108}},
     {"FLOW 0xffff", {0xFFFF0108}},
     {"CYCLES r3", {0x00030109}},
     {".word 0xdeadbeef", {0xDEADBEEF}},

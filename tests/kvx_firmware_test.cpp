@@ -112,6 +112,8 @@ TEST(EngineFirmware, EachRuleHasItsCause)
          KVX_CAUSE_BUFFER_SIZE, 6},
         {"no marker", [](kvx_rig&, kvx_bundle& b) { b.info->reserved = 0x12345678; }, KVX_CAUSE_NO_MARKER,
          0x12345678},
+        {"code offset inside a word", [](kvx_rig&, kvx_bundle& b) { b.info->code_offset = 1; }, KVX_CAUSE_CODE_OFFSET, 1},
+        {"code offset past the code", [](kvx_rig&, kvx_bundle& b) { b.info->code_offset = 4; }, KVX_CAUSE_CODE_OFFSET, 4},
         {"PMU information in the player record", [](kvx_rig&, kvx_bundle& b) { b.info->pmu_info_index = 3; },
          KVX_CAUSE_INDEX_CLASH, 3},
         {"two PMU records in one buffer", [](kvx_rig&, kvx_bundle& b) { b.info->pmu_info_out_index = 4; },

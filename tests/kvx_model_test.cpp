@@ -88,6 +88,7 @@ TEST(EngineModel, StrictAboutCallsAndParameters)
          false},
         {"alignment not a power of two", korvexSession_memAlloc(m.s, 16, 24, KORVEX_MEM_TYPE_DRAM, 0) != nullptr, false},
         {"command buffer of 0 bytes", korvexSession_cmdBufAlloc(m.s, 0, 256) != nullptr, false},
+        {"command buffer of 1 byte", korvexSession_cmdBufAlloc(m.s, 1, 256) != nullptr, true},
         {"unknown session", korvexSession_deleteInstance((korvex_session_t*)&mem) == 0, false},
         {"memory freed as a command buffer", korvexSession_cmdBufFree(m.s, mem) == 0, false},
         {"unknown device type", korvexCmd_createSubcmd(cmd, (korvex_device_type)1) != nullptr, false},
@@ -174,12 +175,12 @@ TEST(EngineModel, TimingFollowsItsFormulas)
         uint64_t ip, driver;
     } cases[] = {
         // 3 instructions + 3,200,000 / 32 cycles
-        {"1000 MHz", 3200000, (korvex_subcmd_param_type)-1, 0, 101, 123},
+        {"1000 MHz", 3200000, SC_PARAM_VLM_CTX, 0, 101, 123},
         {"boost 50: 800 MHz", 3200000, SC_PARAM_BOOST_VALUE, 50, 126, 148},
         {"boost 0: 400 MHz", 3200000, SC_PARAM_BOOST_VALUE, 0, 251, 276},
         {"turbo: 1500 MHz", 3200000, SC_PARAM_TURBO_BOOST, 1, 67, 88},
         {"turbo off", 3200000, SC_PARAM_TURBO_BOOST, 0, 101, 123},
-        {"a short run takes 1 us", 32, (korvex_subcmd_param_type)-1, 0, 1, 21},
+        {"a short run takes 1 us", 32, SC_PARAM_VLM_CTX, 0, 1, 21},
     };
     for (const auto& c : cases) {
         kvx_rig r;
@@ -235,36 +236,37 @@ TEST(EngineModel, CoresAndRounds)
 }
 
 // A run past its hard limit faults; past its soft limit it finishes and
-// says so in its result record. Limits are in milliseconds.
+// says so in its result record. Limits are in milliseconds: FILL of n bytes
+// takes 4 + n/32 cycles at 1000 MHz.
 TEST(EngineModel, LimitsAreReported)
 {
+    const uint32_t k1000us = 31999872, k1001us = 32000000;
     const struct {
         const char* what;
         korvex_cmd_param_type limit;
-        uint64_t ms;
+        uint32_t bytes;
         int run;
         uint32_t cause, irq;
     } cases[] = {
-        {"inside the hard limit", CMD_PARAM_HARDLIMIT, 2, 0, KVX_CAUSE_NONE, 0},
-        {"past the hard limit", CMD_PARAM_HARDLIMIT, 1, -1, KVX_CAUSE_HARD_LIMIT, KVX_IRQ_BASE | KVX_CAUSE_HARD_LIMIT},
-        {"inside the soft limit", CMD_PARAM_SOFTLIMIT, 2, 0, KVX_CAUSE_NONE, 0},
-        {"past the soft limit", CMD_PARAM_SOFTLIMIT, 1, 0, KVX_CAUSE_SOFT_LIMIT, 0},
+        {"at the hard limit", CMD_PARAM_HARDLIMIT, k1000us, 0, KVX_CAUSE_NONE, 0},
+        {"past the hard limit", CMD_PARAM_HARDLIMIT, k1001us, -1, KVX_CAUSE_HARD_LIMIT,
+         KVX_IRQ_BASE | KVX_CAUSE_HARD_LIMIT},
+        {"at the soft limit", CMD_PARAM_SOFTLIMIT, k1000us, 0, KVX_CAUSE_NONE, 0},
+        {"past the soft limit", CMD_PARAM_SOFTLIMIT, k1001us, 0, KVX_CAUSE_SOFT_LIMIT, 0},
     };
     for (const auto& c : cases) {
         kvx_rig r;
-        uint8_t* buf = r.dram(16 << 20);
-        // 48 MiB written at 32 bytes a cycle and 1000 MHz: 1573 us
-        kvx_bundle b = r.bundle({kvx_asm_flow(4), kvx_asm_setr(0, 2), r.unit(buf), 16 << 20,
-                                 kvx_asm_regs(KVX_OP_FILL, 0, 1, 1, 0), kvx_asm_regs(KVX_OP_FILL, 0, 1, 1, 0),
+        uint8_t* buf = r.dram(k1001us);
+        kvx_bundle b = r.bundle({kvx_asm_flow(4), kvx_asm_setr(0, 2), r.unit(buf), c.bytes,
                                  kvx_asm_regs(KVX_OP_FILL, 0, 1, 1, 0), kvx_asm_end()});
         kvx_outcome o = r.run({&b}, false, [&](korvex_cmd_t* cmd, std::vector<korvex_subcmd_t*>&) {
-            korvexCmd_setParam(cmd, c.limit, c.ms);
+            korvexCmd_setParam(cmd, c.limit, 1);
         });
         EXPECT_EQ(o.run, c.run) << c.what;
         EXPECT_EQ(o.cause[0], c.cause) << c.what;
         EXPECT_EQ(b.res->hw_error_msg, c.irq) << c.what;
         EXPECT_EQ(b.res->code_out_flow_id, c.run == 0 ? 0u : 4u) << c.what;
-        EXPECT_EQ(b.res->out_debug_info_msg, c.cause == KVX_CAUSE_NONE ? 0u : 1573u) << c.what;
+        EXPECT_EQ(b.res->out_debug_info_msg, c.cause == KVX_CAUSE_NONE ? 0u : 1001u) << c.what;
     }
 }
 

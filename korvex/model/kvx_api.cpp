@@ -376,8 +376,11 @@ int korvexSession_deleteCmd(korvex_session_t* session, korvex_cmd_t* cmd)
     });
 }
 
-int korvexCmd_setParam(korvex_cmd_t* cmd, korvex_cmd_param_type type, uint64_t value)
+// The lambdas below see enumeration arguments as int: a caller may pass any
+// value, which the checks refuse.
+int korvexCmd_setParam(korvex_cmd_t* cmd, korvex_cmd_param_type type_arg, uint64_t value)
 {
+    const int type = type_arg;
     return hooked(__func__, join(name_of(cmd), param_name(kCmdParams, type), num(value)), [&] {
         if (!live(cmd) || cmd->built || !param_in_range(kCmdParams, type, value))
             return false;
@@ -427,8 +430,9 @@ int korvexCmd_run(korvex_cmd_t* cmd)
                   [&] { return live(cmd) && cmd->built && kvx::run_command(cmd, kvx::hook_cores()) == 0; });
 }
 
-int korvexSubCmd_setParam(korvex_subcmd_t* subcmd, korvex_subcmd_param_type type, uint64_t value)
+int korvexSubCmd_setParam(korvex_subcmd_t* subcmd, korvex_subcmd_param_type type_arg, uint64_t value)
 {
+    const int type = type_arg;
     return hooked(__func__, join(name_of(subcmd), param_name(kSubParams, type), num(value)), [&] {
         if (!open_subcmd(subcmd) || !param_in_range(kSubParams, type, value) ||
             (type == SC_PARAM_CORE_AFFINITY && !cores_exist(value)))
@@ -439,8 +443,9 @@ int korvexSubCmd_setParam(korvex_subcmd_t* subcmd, korvex_subcmd_param_type type
 }
 
 // A command buffer goes to one sub-command of a command, once.
-int korvexSubCmd_addCmdBuf(korvex_subcmd_t* subcmd, void* cmd_buf, korvex_cb_direction direction)
+int korvexSubCmd_addCmdBuf(korvex_subcmd_t* subcmd, void* cmd_buf, korvex_cb_direction direction_arg)
 {
+    const int direction = direction_arg;
     korvex_session* s = live(subcmd) ? subcmd->cmd->session : nullptr;
     return hooked(__func__, join(name_of(subcmd), name_of_buffer(s, cmd_buf), direction_name(direction)), [&] {
         if (!open_subcmd(subcmd) || s->mem.cmdbuf(cmd_buf) == nullptr || direction < KORVEX_CB_BIDIRECTIONAL ||

@@ -106,6 +106,10 @@ uint32_t read_command_buffers(korvex_subcmd* sub, fw_view* v, uint32_t* detail)
         *detail = v->info.reserved;
         return KVX_CAUSE_NO_MARKER;
     }
+    if (v->info.code_offset % 4 != 0 || v->info.code_offset >= v->code->size) {
+        *detail = v->info.code_offset;
+        return KVX_CAUSE_CODE_OFFSET;
+    }
     std::vector<bool> named(sub->bufs.size(), false);
     cause = read_player(sub, v, named, detail);
     if (cause == KVX_CAUSE_NONE)

@@ -4,13 +4,14 @@
 // the engine firmware reads them and returns the first violation as a cause
 // (kvx_model.h) with its detail, or KVX_CAUSE_NONE. The command information
 // is buffer 0 (read), the result record buffer 1 (written), the code buffer
-// 2 (read); rsv_1_index names the player record (read and written) and the
-// three PMU indices, all set or all 0, name the PMU information (read), its
-// output (written) and the result buffer (written). Every index lies inside
-// the attached list and names a buffer of at least its record's size,
-// attached in its record's direction; no two records share a buffer and
-// every attached buffer holds one record. The view keeps what was found,
-// the result record even when a later check fails.
+// 2 (read, run from a word-aligned code_offset inside it); rsv_1_index names
+// the player record (read and written) and the three PMU indices, all set
+// or all 0, name the PMU information (read), its output (written) and the
+// result buffer (written). Every index lies inside the attached list and
+// names a buffer of at least its record's size, attached in its record's
+// direction; no two records share a buffer and every attached buffer holds
+// one record. The view keeps what was found, the result record even when a
+// later check fails.
 #ifndef KVX_FIRMWARE_H
 #define KVX_FIRMWARE_H
 

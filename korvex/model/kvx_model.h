@@ -41,6 +41,7 @@ enum kvx_cause {
     KVX_CAUSE_UNNAMED_BUFFER = 0x25,  /* attached, but no record names it */
     KVX_CAUSE_PLAYER_FLAG = 0x26,     /* detail: the flag word; neither 0 nor 8..15 */
     KVX_CAUSE_PMU_INFO = 0x27,        /* detail: the index; mode, event count or result size out of range */
+    KVX_CAUSE_CODE_OFFSET = 0x28,     /* detail: code_offset; inside a word, or past the code */
     /* the command (detail as named) */
     KVX_CAUSE_UNFLUSHED = 0x30, /* detail: device address of the first host byte not flushed */
     KVX_CAUSE_NO_CORE = 0x31,   /* detail: the affinity mask; no core of the engine in it */
