@@ -206,7 +206,7 @@ TEST(KvxAsm, ListingFailsWhenTheBufferIsShort)
     EXPECT_EQ(kvx_disassemble(words.data(), 1, out.data(), out.size()), 0);
     EXPECT_EQ(out.data(), line);
     EXPECT_EQ(kvx_disassemble(words.data(), 1, out.data(), line.size()), -1);
-    EXPECT_EQ(kvx_disassemble(words.data(), 0, out.data(), 0), -1);
+    EXPECT_EQ(kvx_disassemble(words.data(), 0, nullptr, 0), -1) << "no room, not even for the end";
 }
 
 TEST(KvxAsm, ListingAssemblesBackToTheWords)

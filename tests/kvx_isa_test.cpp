@@ -126,6 +126,14 @@ TEST(EngineIsa, FaultsNameTheirCause)
              return std::vector<uint32_t>{kvx_asm_setr(8, 3), 1 | 1 << 16, 1 | 1 << 16, 1 | 1 << 8,
                                           kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3), kvx_asm_end()};
          }, KVX_CAUSE_BAD_OPERAND, offset(16), 0},
+        {"convolution without input channels", [](kvx_rig&, const operands&) {
+             return std::vector<uint32_t>{kvx_asm_setr(8, 3), 1 | 1 << 16, 0 | 1 << 16, 1 | 1 << 8 | 1 << 16,
+                                          kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3), kvx_asm_end()};
+         }, KVX_CAUSE_BAD_OPERAND, offset(16), 0},
+        {"convolution without output channels", [](kvx_rig&, const operands&) {
+             return std::vector<uint32_t>{kvx_asm_setr(8, 3), 1 | 1 << 16, 1, 1 | 1 << 8 | 1 << 16,
+                                          kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3), kvx_asm_end()};
+         }, KVX_CAUSE_BAD_OPERAND, offset(16), 0},
         {"no memory there", fill_at(0x1000, 16), KVX_CAUSE_NO_MEMORY, offset(0x1000), 0},
         {"the on-chip window outside the VLM", fill_at(0x1D800000, 16), KVX_CAUSE_NO_MEMORY, offset(0x1D800000), 0},
         {"the VLM without a handle", fill_at(0x1D900000, 16), KVX_CAUSE_VLM_NOT_HELD, offset(0x1D900000), 0},

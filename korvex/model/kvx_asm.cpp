@@ -366,7 +366,5 @@ extern "C" size_t kvx_asm_table(char* out, size_t out_size)
         append(out, out_size, &n, "| 0x%02x | %s | %s | %s | %s |\n", (unsigned)in.code, in.name,
                length_text(in, buf, sizeof(buf)), in.effect, in.work);
     }
-    if (out_size > 0 && n == 0)
-        out[0] = '\0';
     return n;
 }
