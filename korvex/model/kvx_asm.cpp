@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 #include <string>
 #include <vector>
 
@@ -329,11 +328,8 @@ extern "C" int kvx_assemble(const char* text, uint32_t* words, uint32_t capacity
         *count = (uint32_t)out.size();
         return 0;
     } catch (const asm_error& e) {
-        if (error != nullptr && error_size > 0)
+        if (error != nullptr)
             snprintf(error, error_size, "line %u: %s", line, e.message.c_str());
-    } catch (const std::bad_alloc&) {
-        if (error != nullptr && error_size > 0)
-            snprintf(error, error_size, "line %u: out of memory", line);
     }
     return -1;
 }
@@ -341,11 +337,7 @@ extern "C" int kvx_assemble(const char* text, uint32_t* words, uint32_t capacity
 extern "C" int kvx_disassemble(const uint32_t* words, uint32_t count, char* out, size_t out_size)
 {
     size_t n = 0;
-    try {
-        disassemble_into(words, count, out, out_size, &n);
-    } catch (const std::bad_alloc&) {
-        return -1;
-    }
+    disassemble_into(words, count, out, out_size, &n);
     if (out_size > 0 && n == 0)
         out[0] = '\0';
     return n < out_size ? 0 : -1;
