@@ -118,7 +118,7 @@ TEST_F(RunMode, OptionsReachTheMiddleware)
           "korvexCmd_setParam(cmd#1, CMD_PARAM_SOFTLIMIT, 7) = 0\n"
           "korvexCmd_setParam(cmd#1, CMD_PARAM_HARDLIMIT, 9000) = 0\n"
           "korvexCmd_setParam(cmd#1, CMD_PARAM_POWERPOLICY, 2) = 0\n"},
-         {}},
+         {"Fail"}},
         {"statistics", "", copy + "-d 4", 0,
          {"] execute   = 1[us]\n", "] ipTime    = 1[us]\n", "] execTime  = 21[us]\n", "] bandwidth = 64[MB/s]\n"},
          {}, {"ran on core"}},
@@ -167,6 +167,7 @@ TEST_F(RunMode, MismatchReportAndDump)
     EXPECT_EQ(run_player("-l 5 " + args, &out, false, ""), 1);
     EXPECT_NE(out.find("]   5: output = 17161514, golden = 17161414, mask = ffffffff\n"), std::string::npos) << out;
     EXPECT_NE(out.find("] QORA loop 0 !! Compare golden Fail !!\n"), std::string::npos);
+    EXPECT_EQ(out.find("error"), std::string::npos) << "the dump was written and closed";
     EXPECT_EQ(out.find("Run command", out.find("Compare golden Fail")), std::string::npos); // the loop stops
     EXPECT_EQ(read_file("output0_0.bin"), read_file("output0_0.bin").substr(0, 32));
     std::string dumped = read_file("output0_0.bin");
