@@ -207,6 +207,9 @@ TEST(KvxAsm, ListingFailsWhenTheBufferIsShort)
     EXPECT_EQ(out.data(), line);
     EXPECT_EQ(kvx_disassemble(words.data(), 1, out.data(), line.size()), -1);
     EXPECT_EQ(kvx_disassemble(words.data(), 0, nullptr, 0), -1) << "no room, not even for the end";
+    char empty[4] = "xyz";
+    EXPECT_EQ(kvx_disassemble(words.data(), 0, empty, sizeof(empty)), 0);
+    EXPECT_STREQ(empty, "") << "no words, an empty listing";
 }
 
 TEST(KvxAsm, ListingAssemblesBackToTheWords)
