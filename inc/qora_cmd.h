@@ -148,7 +148,7 @@ private:
     void BindTarget(const uint8_t* key, uint32_t dev_va, bool is_output, uint32_t size);
     bool UsesVLM();
     bool AllocCmdBuf(void** slot, uint32_t size, const char* what);
-    void RelocateCode(uint32_t* code, binding* table, uint32_t count);
+    void RelocateCode(uint32_t index, uint32_t* code, uint32_t code_size, binding* table, uint32_t count);
     void SetBoost(korvex_subcmd* sub, int boost);
     void SetCmdParams(int delay_off, int softlimit, int hardlimit, bool perf_mode);
     void PackSubCmds(std::vector<korvex_subcmd*>& list);

@@ -195,8 +195,10 @@ bool qoraCmd::AllocCmdBuf(void** slot, uint32_t size, const char* what)
     return *slot != nullptr;
 }
 
-// Writes the device addresses of the bindings into the copied code.
-void qoraCmd::RelocateCode(uint32_t* code, binding* table, uint32_t count)
+// Writes the device addresses of the bindings into the copied code. A
+// binding whose word lies outside the code buffer is not written: the
+// pattern file chose the offset, and the command buffer ends there.
+void qoraCmd::RelocateCode(uint32_t index, uint32_t* code, uint32_t code_size, binding* table, uint32_t count)
 {
     for (uint32_t i = 0; i < count && i < MAX_NUM; i++) {
         binding* b = &table[i];
@@ -204,8 +206,14 @@ void qoraCmd::RelocateCode(uint32_t* code, binding* table, uint32_t count)
             continue;
         if (is_vlm_address(b->dev_va) && m_vlm_addr != 0)
             b->dev_va = m_vlm_addr;
+        uint32_t word = b->ofs & 0xFFFFFFFCu;
+        if ((uint64_t)word + 4 > code_size) {
+            QORA_LOG_AT("W", "PrepareSubCmdBuf", __LINE__, "codebuf %u: binding ofs 0x%x outside code size 0x%x\n",
+                        index, b->ofs, code_size);
+            continue;
+        }
         uint32_t target = b->dev_va + b->shift;
-        code[(b->ofs & 0xFFFFFFFCu) / 4] = target >> 4;
+        code[word / 4] = target >> 4;
         if (m_debug_lv & QORA_DEBUG_MEM)
             QORA_LOG_AT("D", "PrepareSubCmdBuf", __LINE__, "codebuf ofs 0x%x = 0x%x\n", b->ofs, target);
     }
@@ -228,7 +236,7 @@ int qoraCmd::PrepareSubCmdBuf(uint32_t index)
         !AllocCmdBuf((void**)&cmd->buf, code->size, "codebuf"))
         return -1;
     memcpy(cmd->buf, code->data, code->size);
-    RelocateCode(cmd->buf, table, count);
+    RelocateCode(index, cmd->buf, code->size, table, count);
     if (!m_pmu_evt.empty() || m_flusher_en != 0) {
         if (m_pmu_evt.size() <= QORA_PMU_MAX_EVENT - 1)
             PreparePMUEvents(cmd);

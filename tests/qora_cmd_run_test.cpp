@@ -304,6 +304,7 @@ TEST_F(RunMode, WarningsAndVerdicts)
     write_file(dir + "/gold2.hex", "@40009000\n" + kInput + "@40009000\n" + kInput);
     write_file(dir + "/two_out.hex", copy_pattern(1, false) + "// Output\n// @4000A000 {32}\n");
     write_file(dir + "/gold_b.hex", "@4000A000\n" + kInput);
+    write_file(dir + "/past.hex", copy_pattern(1, false) + "// 4099 @40009000\n");
     const std::string copy = "-f " + dir + "/copy.hex -g " + dir + "/gold.hex ";
     const std::string vlm = "-f " + dir + "/vlm.hex -g " + dir + "/gold.hex ";
     const std::string two = "-f " + dir + "/two.hex -g " + dir + "/gold.hex ";
@@ -333,6 +334,8 @@ TEST_F(RunMode, WarningsAndVerdicts)
         {"no shared memory either: the code reaches the on-chip memory without a handle",
          "KVX_MODEL_NO_VLM=1 " + fail("korvexSession_memAlloc:4"), vlm, 1,
          {"] get vlm fail!!\n", "] alloc share mem FAIL\n", "irq hint = 0x8007\n"}, {}, {"VLM_USAGE"}},
+        {"a binding past the code is not written", "", "-f " + dir + "/past.hex -g " + dir + "/gold.hex", 0,
+         {"] codebuf 0: binding ofs 0x1003 outside code size 0x20\n", "success"}, {}, {}},
         {"the dump cannot be written", "", "-f " + dir + "/copy.hex -g " + dir + "/bad.hex --dump_output", 1,
          {"] open file(output0_0.bin) error\n"}, {}, {}},
     };
