@@ -13,50 +13,26 @@ namespace {
 
 // The player's records and the firmware's are one binary interface, defined
 // twice: every size and field offset must agree, or this does not compile.
-#define SAME_RECORD(player, firmware) static_assert(sizeof(player) == sizeof(kvx::firmware), #player " size")
-#define SAME_FIELD(player, firmware, field)                                                                   \
-    static_assert(offsetof(player, field) == offsetof(kvx::firmware, field), #player "." #field)
-SAME_RECORD(qora_cmd_info, fw_cmd_info);
-SAME_FIELD(qora_cmd_info, fw_cmd_info, code_offset);
-SAME_FIELD(qora_cmd_info, fw_cmd_info, reserved);
-SAME_FIELD(qora_cmd_info, fw_cmd_info, pmu_info_index);
-SAME_FIELD(qora_cmd_info, fw_cmd_info, pmu_info_out_index);
-SAME_FIELD(qora_cmd_info, fw_cmd_info, pmu_result_index);
-SAME_FIELD(qora_cmd_info, fw_cmd_info, rsv_1_index);
-SAME_FIELD(qora_cmd_info, fw_cmd_info, rsv_2_index);
-SAME_FIELD(qora_cmd_info, fw_cmd_info, rsv_3_index);
-SAME_RECORD(qora_cmd_result, fw_cmd_result);
-SAME_FIELD(qora_cmd_result, fw_cmd_result, code_out_flow_id);
-SAME_FIELD(qora_cmd_result, fw_cmd_result, code_out_core_id);
-SAME_FIELD(qora_cmd_result, fw_cmd_result, hw_error_msg);
-SAME_FIELD(qora_cmd_result, fw_cmd_result, out_debug_info_msg);
-SAME_RECORD(qora_player_info, fw_player_info);
-SAME_FIELD(qora_player_info, fw_player_info, arg_core_id);
-SAME_FIELD(qora_player_info, fw_player_info, mdw_core_id);
-SAME_FIELD(qora_player_info, fw_player_info, flag);
-SAME_FIELD(qora_player_info, fw_player_info, out_be_preempted_cnt);
-SAME_FIELD(qora_player_info, fw_player_info, out_prepare_us);
-SAME_FIELD(qora_player_info, fw_player_info, out_waiting_us);
-SAME_FIELD(qora_player_info, fw_player_info, out_blocked_us);
-SAME_FIELD(qora_player_info, fw_player_info, out_execute_us);
-SAME_FIELD(qora_player_info, fw_player_info, out_post_proc_us);
-SAME_RECORD(qora_pmu_info, fw_pmu_info);
-SAME_FIELD(qora_pmu_info, fw_pmu_info, result_buf_size);
-SAME_FIELD(qora_pmu_info, fw_pmu_info, pmu_mode);
-SAME_FIELD(qora_pmu_info, fw_pmu_info, number_of_event);
-SAME_FIELD(qora_pmu_info, fw_pmu_info, event);
-SAME_RECORD(qora_pmu_info_out, fw_pmu_info_out);
-SAME_FIELD(qora_pmu_info_out, fw_pmu_info_out, qora_freq);
-SAME_FIELD(qora_pmu_info_out, fw_pmu_info_out, burst_mode);
-SAME_FIELD(qora_pmu_info_out, fw_pmu_info_out, rsv);
-SAME_RECORD(qora_pmu_data_burst2, fw_pmu_data_burst2);
-SAME_FIELD(qora_pmu_data_burst2, fw_pmu_data_burst2, cmd_log);
-SAME_FIELD(qora_pmu_data_burst2, fw_pmu_data_burst2, pmu_end_tstamp);
-SAME_FIELD(qora_pmu_data_burst2, fw_pmu_data_burst2, pmu_cnt);
-SAME_RECORD(qora_pmu_data_burst4, fw_pmu_data_burst4);
-SAME_FIELD(qora_pmu_data_burst4, fw_pmu_data_burst4, cmd_log);
-SAME_FIELD(qora_pmu_data_burst4, fw_pmu_data_burst4, pmu_end_tstamp);
-SAME_FIELD(qora_pmu_data_burst4, fw_pmu_data_burst4, pmu_cnt);
+#define SAME_LAYOUT(player, firmware, checks)                                                    \
+    namespace player##_layout {                                                                  \
+    using P = player;                                                                            \
+    using F = kvx::firmware;                                                                     \
+    static_assert(sizeof(P) == sizeof(F) && checks, #player " differs from " #firmware);         \
+    }
+#define SAME(field) (offsetof(P, field) == offsetof(F, field))
+SAME_LAYOUT(qora_cmd_info, fw_cmd_info,
+            SAME(code_offset) && SAME(reserved) && SAME(pmu_info_index) && SAME(pmu_info_out_index) &&
+                SAME(pmu_result_index) && SAME(rsv_1_index) && SAME(rsv_2_index) && SAME(rsv_3_index))
+SAME_LAYOUT(qora_cmd_result, fw_cmd_result,
+            SAME(code_out_flow_id) && SAME(code_out_core_id) && SAME(hw_error_msg) && SAME(out_debug_info_msg))
+SAME_LAYOUT(qora_player_info, fw_player_info,
+            SAME(arg_core_id) && SAME(mdw_core_id) && SAME(flag) && SAME(out_be_preempted_cnt) &&
+                SAME(out_prepare_us) && SAME(out_waiting_us) && SAME(out_blocked_us) && SAME(out_execute_us) &&
+                SAME(out_post_proc_us))
+SAME_LAYOUT(qora_pmu_info, fw_pmu_info, SAME(result_buf_size) && SAME(pmu_mode) && SAME(number_of_event) && SAME(event))
+SAME_LAYOUT(qora_pmu_info_out, fw_pmu_info_out, SAME(qora_freq) && SAME(burst_mode) && SAME(rsv))
+SAME_LAYOUT(qora_pmu_data_burst2, fw_pmu_data_burst2, SAME(cmd_log) && SAME(pmu_end_tstamp) && SAME(pmu_cnt))
+SAME_LAYOUT(qora_pmu_data_burst4, fw_pmu_data_burst4, SAME(cmd_log) && SAME(pmu_end_tstamp) && SAME(pmu_cnt))
 static_assert(QORA_PLAY_MARKER == kvx::kPlayMarker && QORA_PMU_MAX_EVENT == kvx::kMaxPmuEvents, "shared constants");
 
 using change = std::function<void(kvx_rig&, kvx_bundle&)>;

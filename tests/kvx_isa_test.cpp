@@ -102,10 +102,7 @@ TEST(EngineIsa, FaultsNameTheirCause)
 {
     auto offset = [](uint32_t o) { return [o](kvx_rig&, const operands&) { return o; }; };
     auto fill_at = [](uint32_t va, uint32_t n) {
-        return [va, n](kvx_rig&, const operands&) {
-            return std::vector<uint32_t>{kvx_asm_setr(0, 3), va >> 4, 0, n, kvx_asm_regs(KVX_OP_FILL, 0, 1, 2, 0),
-                                         kvx_asm_end()};
-        };
+        return [va, n](kvx_rig&, const operands&) { return kvx_fill(va, n); };
     };
     const fault_case cases[] = {
         {"unknown opcode after flow 5", [](kvx_rig&, const operands&) {
@@ -164,7 +161,7 @@ TEST(EngineIsa, CommandBuffersAreNotAddressable)
 {
     kvx_rig r;
     uint8_t* cb = (uint8_t*)r.cmdbuf(64);
-    kvx_bundle b = r.bundle({kvx_asm_setr(0, 2), r.unit(cb), 16, kvx_asm_regs(KVX_OP_FILL, 0, 0, 1, 0), kvx_asm_end()});
+    kvx_bundle b = r.bundle(kvx_fill(r.va(cb), 16));
     kvx_outcome o = r.run(b);
     EXPECT_EQ(o.cause[0], (uint64_t)KVX_CAUSE_CMDBUF_ACCESS);
     EXPECT_EQ(o.detail[0], r.va(cb));

@@ -1,5 +1,6 @@
-/* The engine model from a plain C program: a buffer copy and a small
- * convolution, with timings and PMU counts. Exits 0 when all is right. */
+/* The engine model from a plain C program: a buffer copy, with timings and
+ * PMU counts. Exits 0 when all is right. (The convolution is checked
+ * against its definition in kvx_model_test.cpp.) */
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
@@ -37,30 +38,14 @@ int main(void)
     CHECK(s != NULL && korvexSession_queryDeviceNum(s, KORVEX_DEVICE_QORA) == 2);
     uint8_t* src = dram(s, 64);
     uint8_t* dst = dram(s, 64);
-    uint8_t* in = dram(s, 4 * 4 * 2);     /* 4x4 image, 2 channels */
-    int8_t* wt = dram(s, 2 * 3 * 3 * 2);  /* 2 output channels, 3x3 */
-    int32_t* bias = dram(s, 2 * 4);
-    uint8_t* out = dram(s, 4 * 4 * 2);
     for (int i = 0; i < 64; i++)
         src[i] = (uint8_t)(i * 3);
-    for (int i = 0; i < 32; i++)
-        in[i] = (uint8_t)i;
-    for (int i = 0; i < 36; i++)
-        wt[i] = (int8_t)(i % 5 - 2);
-    bias[0] = 10;
-    bias[1] = -10;
     /* Every host view reaches the device before a run, outputs too. */
-    void* bufs[] = {src, dst, in, wt, bias, out};
-    for (int i = 0; i < 6; i++)
-        CHECK(korvexSession_memFlush(s, bufs[i]) == 0);
+    CHECK(korvexSession_memFlush(s, src) == 0 && korvexSession_memFlush(s, dst) == 0);
 
     uint32_t code[] = {
-        kvx_asm_setr(0, 1), unit(s, dst), kvx_asm_setr(1, 1), unit(s, src), kvx_asm_setr(2, 1), 64,
-        kvx_asm_regs(KVX_OP_MOVE, 0, 1, 2, 0),
-        kvx_asm_setr(0, 1), unit(s, in), kvx_asm_setr(1, 1), unit(s, wt), kvx_asm_setr(2, 1), unit(s, bias),
-        kvx_asm_setr(3, 1), unit(s, out),
-        kvx_asm_setr(8, 5), 4 | 4 << 16, 2 | 2 << 16, 3 | 3 << 8 | 1 << 16 | 1 << 24, 1, 0, /* shape, x1, shift 0 */
-        kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3), kvx_asm_flow(1), kvx_asm_end(),
+        kvx_asm_setr(0, 3), unit(s, dst), unit(s, src), 64, kvx_asm_regs(KVX_OP_MOVE, 0, 1, 2, 0),
+        kvx_asm_flow(1), kvx_asm_end(),
     };
     uint32_t* info = korvexSession_cmdBufAlloc(s, 32, 256);
     uint32_t* res = korvexSession_cmdBufAlloc(s, 16, 256);
@@ -77,7 +62,7 @@ int main(void)
     info[5] = 3;
     pmu->result_buf_size = 64;
     pmu->number_of_event = 2;
-    pmu->event[0] = 0x1708;
+    pmu->event[0] = 0x1001;
     pmu->event[1] = 0x1002;
     void* cmdbufs[] = {info, res, cb, player, pmu, pmu_res, pmu_buf};
     korvex_cb_direction dirs[] = {KORVEX_CB_IN, KORVEX_CB_OUT, KORVEX_CB_IN, KORVEX_CB_BIDIRECTIONAL,
@@ -92,26 +77,11 @@ int main(void)
     CHECK(korvexCmd_run(cmd) == 0);
 
     CHECK(memcmp(dst, src, 64) == 0);
-    for (int oy = 0; oy < 4; oy++)
-        for (int ox = 0; ox < 4; ox++)
-            for (int co = 0; co < 2; co++) {
-                int32_t acc = bias[co];
-                for (int ky = 0; ky < 3; ky++)
-                    for (int kx = 0; kx < 3; kx++)
-                        for (int ci = 0; ci < 2; ci++) {
-                            int y = oy + ky - 1, x = ox + kx - 1;
-                            if (y >= 0 && x >= 0 && y < 4 && x < 4)
-                                acc += in[(y * 4 + x) * 2 + ci] * wt[((co * 3 + ky) * 3 + kx) * 2 + ci];
-                        }
-                int32_t q = acc < 0 ? 0 : acc > 255 ? 255 : acc;
-                CHECK(out[(oy * 4 + ox) * 2 + co] == q);
-            }
     CHECK(res[0] == 0 && res[2] == 0);
     CHECK(player[7] >= 1 && korvexSubCmd_getRunInfo(sub, SC_RUNINFO_IPTIME) == player[7]);
     CHECK(korvexSubCmd_getRunInfo(sub, SC_RUNINFO_DRIVERTIME) > korvexSubCmd_getRunInfo(sub, SC_RUNINFO_IPTIME));
-    CHECK(pmu_res[0] == 1000000);                 /* 1000 MHz, in kHz */
-    CHECK(pmu_buf[2] == 4 * 4 * 2 * 3 * 3 * 2);   /* multiply-accumulates */
-    CHECK(pmu_buf[3] == 64 + 32);                 /* bytes written */
+    CHECK(pmu_res[0] == 1000000); /* 1000 MHz, in kHz */
+    CHECK(pmu_buf[0] == 0x51000001 && pmu_buf[2] == 64 && pmu_buf[3] == 64); /* one flow; bytes read, written */
     CHECK(korvexSession_deleteCmd(s, cmd) == 0);
     CHECK(korvexSession_deleteInstance(s) == 0);
     puts("engine model smoke test: passed");

@@ -153,10 +153,17 @@ private:
     }
 };
 
-// Code words: SETR of one register, and the register-operand instructions.
+// Code words: SETR of one register.
 inline std::vector<uint32_t> kvx_set(uint32_t reg, uint32_t value)
 {
     return {kvx_asm_setr(reg, 1), value};
+}
+
+// Code that fills `bytes` bytes at device address `va`, then ends: 3
+// instructions and bytes / 32 cycles of writing.
+inline std::vector<uint32_t> kvx_fill(uint32_t va, uint32_t bytes)
+{
+    return {kvx_asm_setr(0, 2), va >> 4, bytes, kvx_asm_regs(KVX_OP_FILL, 0, 1, 1, 0), kvx_asm_end()};
 }
 
 #endif // KVX_RIG_H

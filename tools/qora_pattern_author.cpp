@@ -28,7 +28,7 @@ struct conv_params {
     int ow() const { return (w + 2 * pad - k) / stride + 1; }
 };
 
-const conv_params kDemo = {12, 12, 8, 16, 3, 1, 1, 77, 10, 128, 10};
+const conv_params kDemo = {12, 12, 8, 16, 3, 2, 1, 77, 10, 128, 10};
 const conv_params kConv2d = {42, 42, 32, 32, 3, 1, 0, 45, 12, 100, 20};
 const conv_params kMaxPower = {50, 50, 16, 128, 3, 1, 0, 91, 11, 0, 5};
 
@@ -166,7 +166,7 @@ bool write(const std::string& path, const std::string& text)
 
 } // namespace
 
-// conv_demo: a 12x12x8 input, 16 channels, stride 1, padding 1.
+// conv_demo: a 12x12x8 input, 16 channels, stride 2, padding 1.
 bool write_conv_demo(const std::string& dir)
 {
     const conv_params& p = kDemo;
