@@ -39,7 +39,7 @@ struct output {
 
 struct pattern {
     std::string file_name;
-    char name[64];
+    char name[64 + 1]; // up to 64 characters and their terminator
     bool use_internal_ptn;
     buffer* buf;
     uint32_t buf_num;

@@ -235,7 +235,8 @@ int qoraCmd::PrepareSubCmdBuf(uint32_t index)
         !AllocCmdBuf((void**)&cmd->player, sizeof(qora_player_info), "player information") ||
         !AllocCmdBuf((void**)&cmd->buf, code->size, "codebuf"))
         return -1;
-    memcpy(cmd->buf, code->data, code->size);
+    if (code->size != 0) // a code buffer whose block was never allocated holds nothing
+        memcpy(cmd->buf, code->data, code->size);
     RelocateCode(index, cmd->buf, code->size, table, count);
     if (!m_pmu_evt.empty() || m_flusher_en != 0) {
         if (m_pmu_evt.size() <= QORA_PMU_MAX_EVENT - 1)

@@ -188,8 +188,13 @@ void qoraCmd::ShowFlows(qora_cmd* cmd, uint32_t shown, uint32_t freq)
     bool burst2 = (burst & 0xF) == 2;
     if (burst2 && shown > 6)
         shown = 6;
+    // The records end with the buffer this player allocated, whatever mode
+    // the record read back from the engine names.
+    uint32_t allocated = m_flusher_en != 0 ? kFlusherResultSize : sizeof(qora_pmu_data_burst4);
+    uint32_t record_bytes = burst2 ? sizeof(qora_pmu_data_burst2) : sizeof(qora_pmu_data_burst4);
+    uint32_t records = allocated / record_bytes < kFlowRecords ? allocated / record_bytes : kFlowRecords;
     uint32_t previous = 0;
-    for (uint32_t i = 0; i < kFlowRecords; i++) {
+    for (uint32_t i = 0; i < records; i++) {
         flow_record r = flow_at(cmd->pmu_buf, i, burst2);
         if (r.end_tstamp == 0)
             break;

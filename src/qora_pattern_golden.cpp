@@ -83,6 +83,16 @@ static bool open_region(const char* str, golden* g, std::vector<output*>& out_li
     return true;
 }
 
+// Bytes of a region no data line reached are compared against zero: the
+// blocks come uncleared, and the checker reads the whole region.
+static void clear_unread_tail(sub_golden* region, uint32_t offset)
+{
+    if (region == nullptr || offset >= region->len)
+        return;
+    memset(region->data + offset, 0, region->len - offset);
+    memset(region->mask + offset, 0xFF, region->len - offset);
+}
+
 // Whether the piece's text (up to its first NUL) is shorter than `len`.
 static inline bool text_shorter_than(text_piece line, size_t len)
 {
@@ -118,6 +128,7 @@ int qoraPattern::load_golden_hex(golden* g)
             continue;
         if (line.data[0] == '@') {
             int fail_line = 0;
+            clear_unread_tail(region, offset);
             terminate_piece(line, str);
             if (!open_region(str, g, m_out_list, &fail_line))
                 return fail_golden(fp, g, fail_line);
@@ -154,6 +165,7 @@ int qoraPattern::load_golden_hex(golden* g)
         }
         offset += take;
     }
+    clear_unread_tail(region, offset);
     close_golden(fp, "load_golden_hex", __LINE__);
     if (g->sub_gdn_list.size() >= 2)
         std::sort(g->sub_gdn_list.begin(), g->sub_gdn_list.end(), compare_golden_addr);

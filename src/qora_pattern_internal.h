@@ -161,4 +161,8 @@ void advise_huge_pages(void* block, size_t size);
 extern void* (*pattern_malloc)(size_t size);
 extern void* (*pattern_realloc)(void* ptr, size_t size);
 
+// Puts the state the text loader keeps across files back to where a process
+// starts, for fuzz targets that load many unrelated files in one process.
+void reset_pattern_load_state();
+
 #endif // QORA_PATTERN_INTERNAL_H

@@ -34,10 +34,23 @@ static bool load_is_code;
 static comment_state sta = COMMENT_STA_NONE;
 static int32_t binding_table_num;
 
-// The buffer data lines go to, and how many bytes its block holds.
+void reset_pattern_load_state()
+{
+    last_comment[0] = '\0';
+    load_is_tmp = false;
+    load_is_code = false;
+    sta = COMMENT_STA_NONE;
+    binding_table_num = 0;
+}
+
+// The buffer data lines go to. `counted` is every byte the lines brought,
+// which drives growth and its messages; the buffer's `size` counts only the
+// bytes its block holds, so that no reader goes past them after a failed
+// allocation.
 struct fill_target {
     buffer* buf;
     uint32_t capacity;
+    uint32_t counted;
 };
 
 bool compare_output_addr(output* a, output* b)
@@ -109,7 +122,7 @@ static void set_pattern_name(const std::string& pattern_hex, pattern* p)
         if (parent != std::string::npos)
             name = name.substr(parent + 1);
     }
-    // The field keeps its terminating zero: longer names are cut.
+    // The field keeps its terminating zero: names past 64 characters are cut.
     memcpy(p->name, name.data(), std::min(name.size(), sizeof(p->name) - 1));
 }
 
@@ -284,19 +297,19 @@ static fill_target load_at(char* str, int len, pattern* ptn)
         memset(data, 0, kBufferStart);
     if (b == nullptr) { // past the last data buffer record: nowhere to keep it
         free(data);
-        return {nullptr, 0};
+        return {nullptr, 0, 0};
     }
     b->data = data;
     b->size = 0;
     b->is_tmp = is_tmp;
-    return {b, data != nullptr ? kBufferStart : 0};
+    return {b, data != nullptr ? kBufferStart : 0, 0};
 }
 
 // Buffers grow in granules by size class so that large dumps are not
 // reallocated on every line.
 static void grow_for_line(fill_target* t)
 {
-    uint32_t s = t->buf->size;
+    uint32_t s = t->counted;
     uint32_t granule = s <= 49152 ? 16384 : s <= 245760 ? 65536 : 262144;
     uint32_t used = s & (granule - 1); // granules are powers of two
     if (used + 16 < granule)
@@ -325,9 +338,11 @@ static void load_data(text_piece line, fill_target* t)
     if (decode_data_line(line.data, line.n, bytes) < 16)
         printf("%s():%d sscanf fail\n", "load_data", 1084);
     uint32_t s = t->buf->size;
-    if (t->buf->data != nullptr && s + 16 <= t->capacity)
+    if (t->buf->data != nullptr && s == t->counted && s + 16 <= t->capacity) {
         memcpy(t->buf->data + s, bytes, 16);
-    t->buf->size = s + 16;
+        t->buf->size = s + 16;
+    }
+    t->counted += 16;
 }
 
 // Two leading characters that start neither a comment nor an '@' line.
@@ -352,7 +367,7 @@ int qoraPattern::load_pattern_hex(pattern* p)
     line_reader reader(fp);
     char str[QORA_LINE_BUF];
     block_state block = BLOCK_NONE;
-    fill_target target{nullptr, 0};
+    fill_target target{nullptr, 0, 0};
     text_piece line;
     while ((line = reader.next()).n > 0) {
         show_progress_bar();

@@ -9,6 +9,8 @@
 #include <sstream>
 
 #include "kvx_asm.h"
+#include "qora_pattern_internal.h"
+#include "qora_test.h"
 #include "test_util.h"
 
 namespace {
@@ -425,6 +427,52 @@ TEST_F(RunMode, EveryFlushBeforeARunCounts)
         }
     }
     EXPECT_GT(dropped, 20);
+}
+
+} // namespace
+
+namespace {
+
+// A code buffer whose block could not grow, or not be allocated at all, is
+// played with the bytes it holds; nothing reads past them (the sanitizer
+// builds fail the child otherwise).
+TEST_F(RunMode, LoadAllocationFailuresPlayWhatWasLoaded)
+{
+    std::string padded = copy_pattern(1, false);
+    std::string end_lines;
+    for (int i = 0; i < 1100; i++) // 17600 code bytes: the first block must grow once
+        end_lines += line(0, 0, 0, 0);
+    padded.insert(padded.find("\n// Binding"), end_lines);
+    write_file(dir + "/padded.hex", padded);
+    struct Case {
+        const char* what;
+        std::string pattern;
+        bool fail_growth;
+        int fail_block; // which block allocation fails (1 = first), 0 none
+        std::string result;
+        std::string printed;
+    };
+    const std::vector<Case> cases = {
+        {"growth fails", dir + "/padded.hex", true, 0, "0", "Realloc Fail!!\n"},
+        {"the code block fails", dir + "/copy.hex", false, 2, "1", "Allocate memory FAIL\n"},
+    };
+    for (const Case& c : cases) {
+        static int blocks; // blocks handed out so far, in the child
+        static int failing;
+        isolated_result r = run_isolated([&] {
+            reset_settings();
+            failing = c.fail_block;
+            if (c.fail_growth)
+                pattern_realloc = [](void*, size_t) -> void* { return nullptr; };
+            pattern_malloc = [](size_t n) -> void* { return ++blocks == failing ? nullptr : malloc(n); };
+            std::string out;
+            int rc = call_entry({"-f", c.pattern, "-g", dir + "/gold.hex"}, &out);
+            printf("%s", out.c_str());
+            return std::to_string(rc);
+        });
+        EXPECT_EQ(r.result, c.result) << c.what << "\n" << r.out;
+        EXPECT_NE(r.out.find(c.printed), std::string::npos) << c.what << "\n" << r.out;
+    }
 }
 
 } // namespace

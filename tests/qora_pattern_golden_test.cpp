@@ -51,6 +51,11 @@ TEST(GoldenLoad, Scenarios)
          " mask=ffffffffffffffffffffffffffffffffffffffff\n",
          {"Warning : read golden last line not 16 bytes align (0x4)\n",
           "Warning : read golden last line not 16 bytes align (0x0)\n"}},
+        {"lines that stop short of the output: the rest is compared against zero",
+         {{"g.hex", "@40009000\n" + kLine}},
+         "golden0 40009000 len=32 ffeeddccbbaa99887766554433221100" + std::string(32, '0') +
+             " mask=" + std::string(64, 'f') + "\n",
+         {}},
         {"unknown region name drops every region",
          {{"g.hex", "@40000000\n" + kLine + "@50000000\n" + kLine}},
          "",
@@ -78,6 +83,18 @@ TEST(GoldenLoad, Scenarios)
         write_file(dir + "/p.hex", kOutputs);
         EXPECT_EQ(describe_goldens(dir, c), c.regions) << c.what;
     }
+}
+
+// A pipe has no size: counting its 16-byte reads takes its bytes, and the
+// rewind before loading fails, so the golden loads empty.
+TEST(GoldenLoad, AFifoGoldenIsUsedUpByCounting)
+{
+    std::string dir = make_tmp_dir("golden_fifo");
+    write_file(dir + "/p.hex", kOutputs);
+    ASSERT_EQ(system(("mkfifo '" + dir + "/g.bin' && (printf 0123456789 > '" + dir + "/g.bin' &)").c_str()), 0);
+    isolated_result r = run_isolated([&] { return load_and_describe({dir + "/p.hex"}, {dir + "/g.bin"}); });
+    EXPECT_NE(r.result.find("golden0  len=0 \n"), std::string::npos) << r.result;
+    EXPECT_NE(r.out.find("prepare_progress_bar() seek fail\n"), std::string::npos) << r.out;
 }
 
 // Binary goldens load in large reads but must count and check in 16-byte

@@ -219,6 +219,20 @@ TEST(PatternLoad, LargeBuffersGrowAndKeepEveryLine)
     EXPECT_EQ(r.result, "320000 0");
 }
 
+// The pattern name is the parent directory's name: 64 characters fit whole,
+// longer names are cut there.
+TEST(PatternLoad, LongDirectoryNames)
+{
+    for (size_t n : {63, 64, 65, 100}) {
+        std::string name(n, 'd');
+        std::string dir = make_tmp_dir("load_names") + "/" + name;
+        ASSERT_EQ(system(("mkdir -p '" + dir + "'").c_str()), 0);
+        write_file(dir + "/p.hex", "// Output\n// @40000000 {16}\n");
+        isolated_result r = run_isolated([&] { return load_and_describe({dir + "/p.hex"}, {}); });
+        EXPECT_EQ(r.result.substr(0, r.result.find('\n')), "name=" + name.substr(0, 64)) << n;
+    }
+}
+
 // Past the record arrays the loader reports and goes on, but stores nothing.
 TEST(PatternLoad, LimitsAreReportedAndBounded)
 {
@@ -251,7 +265,7 @@ TEST(PatternLoad, AllocationFailures)
 {
     std::string dir = make_tmp_dir("load_alloc");
     std::string text = "@40000000\n";
-    for (int i = 0; i < 1100; i++) // 17600 bytes: the first block must grow once
+    for (int i = 0; i < 3100; i++) // 49600 bytes: the block must grow three times
         text += "00000000_00000000_00000000_00000001\n";
     write_file(dir + "/p.hex", text);
     write_file(dir + "/one.hex", "@40000000\n00000000_00000000_00000000_00000001\n");
@@ -260,9 +274,10 @@ TEST(PatternLoad, AllocationFailures)
         std::vector<std::string> p{dir + "/one.hex"}, g;
         qoraPattern set(p, g, 1);
         buffer* b = set.get_pattern_data();
-        return std::to_string(set.get_pattern_data_num()) + " " + (b->data == nullptr ? "null" : "data");
+        return std::to_string(set.get_pattern_data_num()) + " " + (b->data == nullptr ? "null " : "data ") +
+               std::to_string(b->size);
     });
-    EXPECT_EQ(no_block.result, "1 null");
+    EXPECT_EQ(no_block.result, "1 null 0");
     EXPECT_NE(no_block.out.find("Allocate memory FAIL\n"), std::string::npos);
     isolated_result no_growth = run_isolated([&] {
         pattern_realloc = [](void*, size_t) -> void* { return nullptr; };
@@ -271,8 +286,12 @@ TEST(PatternLoad, AllocationFailures)
         buffer* b = set.get_pattern_data();
         return std::to_string(b->size) + " " + std::to_string(b->data[16368]);
     });
-    EXPECT_EQ(no_growth.result, "17600 1"); // the old block is kept; lines past it are counted, not stored
-    EXPECT_NE(no_growth.out.find("Realloc Fail!!\n"), std::string::npos);
+    EXPECT_EQ(no_growth.result, "16384 1"); // the old block is kept; its size counts the bytes it holds
+    // Every growth the lines call for is tried, and reported when it fails.
+    size_t failures = 0;
+    for (size_t at = 0; (at = no_growth.out.find("Realloc Fail!!\n", at)) != std::string::npos; at++)
+        failures++;
+    EXPECT_EQ(failures, 3u);
 }
 
 } // namespace
