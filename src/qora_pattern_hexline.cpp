@@ -146,7 +146,7 @@ static inline __m128i two_groups(const char* first, const char* second)
 
 // A line of 32 hex digits in four groups joined by '_', the usual case:
 // the sixteen bytes it spells, stored last pair first.
-static inline bool decode_hex_digits(const char* line, size_t n, uint8_t out[16])
+static inline bool decode_hex_digits_sse2(const char* line, size_t n, uint8_t out[16])
 {
     __m128i front, back;
     if (n < HEX_LINE_CHARS || !separators_in_place(line) || !hex_nibbles(two_groups(line, line + 9), &front) ||
@@ -161,7 +161,7 @@ static inline bool decode_hex_digits(const char* line, size_t n, uint8_t out[16]
     return true;
 }
 
-#else
+#endif
 
 static const uint64_t kEachByte = 0x0101010101010101ull;
 
@@ -190,15 +190,22 @@ static inline bool decode_hex_group(const char* chars, uint8_t out[4])
     return true;
 }
 
-// A line of 32 hex digits in four groups joined by '_', the usual case.
-static inline bool decode_hex_digits(const char* line, size_t n, uint8_t out[16])
+bool decode_hex_digits_words(const char* line, size_t n, uint8_t out[16])
 {
     return n >= HEX_LINE_CHARS && separators_in_place(line) && decode_hex_group(line, out + 12) &&
            decode_hex_group(line + 9, out + 8) && decode_hex_group(line + 18, out + 4) &&
            decode_hex_group(line + 27, out);
 }
 
+// The vector decoder where the host has one, the word one elsewhere.
+static inline bool decode_hex_digits(const char* line, size_t n, uint8_t out[16])
+{
+#if defined(__SSE2__)
+    return decode_hex_digits_sse2(line, n, out);
+#else
+    return decode_hex_digits_words(line, n, out);
 #endif
+}
 
 // The bytes (and, for goldens, the mask) of the 16 tokens, given each token's
 // two table entries.

@@ -71,6 +71,11 @@ int decode_data_line(const char* line, size_t n, uint8_t out[16]);
 // 15. Arguments and result as above.
 int decode_golden_line(const char* line, size_t n, uint8_t data[16], uint8_t mask[16]);
 
+// The portable decoder of the usual line, 32 hex digits in four groups
+// joined by '_': its 16 bytes in memory order, or false for any other line.
+// Hosts with a vector decoder use that one instead; tests run both.
+bool decode_hex_digits_words(const char* line, size_t n, uint8_t out[16]);
+
 // Whether the 35 bytes at p hold no line feed (tested a word at a time).
 inline bool no_line_feed_in_35(const char* p)
 {

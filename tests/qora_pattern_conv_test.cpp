@@ -59,6 +59,23 @@ TEST_F(Conversions, PatternHeaderText)
         EXPECT_NE(h.find(part), std::string::npos) << part << "\nin\n" << h;
 }
 
+// The command-length comment is recognised from 26 characters, its line
+// feed included: without one, the same text is a plain comment.
+TEST_F(Conversions, CommandLengthNeedsTheWholeName)
+{
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"// acx0_qora1_cmda_length", "// note\n// acx0_qora1_cmda_length\nunsigned char *h_golden_mask = NULL;\n"},
+        {"// acx0_qora1_cmda_length\n",
+         "// note\n// acx0_qora1_cmda_length\n\nunsigned int h_cmd_len = 0x;\n\nunsigned char *h_golden_mask = NULL;\n"},
+    };
+    for (const auto& c : cases) {
+        write_file(dir + "/p.hex", "// note\n" + c.first);
+        std::string out;
+        EXPECT_EQ(player("--gen h -f p.hex", &out), 0);
+        EXPECT_EQ(read_file(dir + "/h.h"), c.second) << c.first;
+    }
+}
+
 // The generated header compiles as C and C++ and holds the pattern.
 TEST_F(Conversions, GeneratedHeaderCompiles)
 {

@@ -194,6 +194,7 @@ TEST(PatternLoad, ProgressBar)
     write_file(dir + "/many.hex", many);
     r = run_isolated([&] { return load_and_describe({dir + "/many.hex"}, {}); });
     EXPECT_NE(r.out.find("\r[" + std::string(51, '#') + "][100%]\n"), std::string::npos);
+    EXPECT_EQ(r.out.find("\r[#" + std::string(49, ' ') + "][0%]"), 0u); // the first count prints 0%
     EXPECT_NE(r.out.find("\r[#" + std::string(49, ' ') + "][1%]"), std::string::npos);
 }
 
