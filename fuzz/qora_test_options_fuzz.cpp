@@ -27,9 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     argv.push_back(nullptr);
     do_nothing = true;
     execute_pattern((int)args.size(), argv.data());
-    // The settings accumulate by design; keep the fuzzer's memory flat.
-    pattern_list.clear();
-    golden_list.clear();
-    pmu_events.clear();
+    // The settings accumulate by design; each input starts from the defaults.
+    reset_settings();
     return 0;
 }

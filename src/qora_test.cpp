@@ -15,25 +15,19 @@
 std::vector<std::string> pattern_list;
 std::vector<std::string> golden_list;
 std::vector<uint16_t> pmu_events;
-std::string gen_hdr_name;
-std::string fw_elf;
-std::string hex2bin;
-bool do_nothing = false;
-bool folder_as_name = false;
-int core_id = 0;
-int loop = 1;
-int debug_lv = 1;
-int sleep_time_us = 0;
-int delay_off_ms = 0;
-int boost_value = -2;
-int soft_limit = 0;
-int hard_limit = 0;
-int prio_lv = -1;
-int thrd_num = 1;
-int pmu_flusher = 0;
-bool dump_result_data = false;
-bool perf_mode = false;
-bool vlm_disable = false;
+#define QORA_DEFINE_SETTING(type, name, start) type name = start;
+QORA_SCALAR_SETTINGS(QORA_DEFINE_SETTING)
+#undef QORA_DEFINE_SETTING
+
+void reset_settings()
+{
+    pattern_list.clear();
+    golden_list.clear();
+    pmu_events.clear();
+#define QORA_RESET_SETTING(type, name, start) name = start;
+    QORA_SCALAR_SETTINGS(QORA_RESET_SETTING)
+#undef QORA_RESET_SETTING
+}
 
 enum long_only_opt {
     OPT_DELAY_OFF = 1,

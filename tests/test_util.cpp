@@ -56,32 +56,6 @@ int run_player(const std::string& args, std::string* out, bool with_stderr, cons
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-void reset_settings()
-{
-    pattern_list.clear();
-    golden_list.clear();
-    pmu_events.clear();
-    gen_hdr_name.clear();
-    fw_elf.clear();
-    hex2bin.clear();
-    do_nothing = false;
-    folder_as_name = false;
-    core_id = 0;
-    loop = 1;
-    debug_lv = 1;
-    sleep_time_us = 0;
-    delay_off_ms = 0;
-    boost_value = -2;
-    soft_limit = 0;
-    hard_limit = 0;
-    prio_lv = -1;
-    thrd_num = 1;
-    pmu_flusher = 0;
-    dump_result_data = false;
-    perf_mode = false;
-    vlm_disable = false;
-}
-
 std::string make_tmp_dir(const std::string& name)
 {
     std::string dir = std::string(QORA_TEST_TMPDIR) + "/" + name;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "qora_pattern.h"
+#include "qora_test_settings.h"
 
 // Standard output printed while fn runs.
 std::string capture_stdout(const std::function<void()>& fn);
@@ -19,9 +20,6 @@ int call_entry(const std::vector<std::string>& args, std::string* out);
 // code and stores its standard output (and error, when asked). `env` goes to
 // env(1) first: options such as "-C dir", then NAME=VALUE settings.
 int run_player(const std::string& args, std::string* out, bool with_stderr = false, const std::string& env = "");
-
-// Puts every test-driver setting back to its default.
-void reset_settings();
 
 // A scratch directory for one test, emptied when it is made.
 std::string make_tmp_dir(const std::string& name);
