@@ -111,7 +111,8 @@ TEST_F(Conversions, GoldenHeaders)
     const std::vector<GoldenHeaderCase> cases = {
         {"a text golden of another name", "out.hex", "@40009000\n" + line(1, 2, 3, 4),
          "\nunsigned char *g_golden_mask = NULL;\n"},
-        {"a masked text golden", "cmodel_output.hex", "@4\nff00ff00_ff00ff00_ff00ff00_ff00ffxx\n",
+        {"a masked text golden; short lines and long comments are skipped", "cmodel_output.hex",
+         "@4\n// a comment longer than thirty-two characters\nff00ff00\nff00ff00_ff00ff00_ff00ff00_ff00ffxx\n",
          "unsigned char g_golden_mask[] __attribute__ ((aligned (16))) = {\n0x00, 0xff, 0xff, 0xff, 0xff, 0xff, "
          "0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff};\n"
          "unsigned char g_golden[] __attribute__ ((aligned (16))) = {\n0x00, 0xff, 0x00, 0xff, 0x00, 0xff, 0x00, "
