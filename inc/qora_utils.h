@@ -1,12 +1,16 @@
 // Helpers shared by every unit: the bracketed log prefixes of the command
-// layer, player and entry point, the debug mask bits, and the small text
-// tests used by the loaders and converters.
+// layer, player and entry point, the debug mask bits, the small text tests
+// used by the loaders and converters, and the converters' file writing.
 //
 // Contract: I, W and E lines always print; D lines print only when their bit
-// is set in the debug level handed in. All logs go to standard output.
+// is set in the debug level handed in. All logs go to standard output. File
+// helpers report a failure as "%s():%d ..." for the function named by the
+// caller and never change a result.
 #ifndef QORA_UTILS_H
 #define QORA_UTILS_H
 
+#include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
@@ -57,6 +61,65 @@ inline bool hex_name_is_valid(const std::string& hex)
 inline bool bin_name_is_valid(const std::string& bin)
 {
     return name_has_suffix(bin, ".bin");
+}
+
+// Device addresses 0x1D800000 to 0x1DFFFFFF are the engine's on-chip local memory.
+inline bool is_vlm_address(uint32_t dev_va)
+{
+    return (dev_va >> 23) == 59;
+}
+
+// The last component of the directory that holds `path`, whose last '/' is
+// at `slash`: "a/b/c.hex" and "b/c.hex" both give "b".
+inline std::string directory_name(const std::string& path, size_t slash)
+{
+    std::string dir = path.substr(0, slash);
+    size_t parent = dir.rfind('/');
+    return parent == std::string::npos ? dir : dir.substr(parent + 1);
+}
+
+inline void close_reporting(FILE* fp, const char* func, int line)
+{
+    if (fclose(fp) != 0)
+        printf("%s():%d fclose error\n", func, line);
+}
+
+inline void emit_text(FILE* fp, const char* func, const char* text, size_t n)
+{
+    if (fwrite(text, 1, n, fp) != n)
+        printf("%s():%d fwrite error\n", func, __LINE__);
+}
+
+// Formats at most 511 characters into the file.
+__attribute__((format(printf, 3, 4))) inline void emit(FILE* fp, const char* func, const char* fmt, ...)
+{
+    char text[512];
+    va_list args;
+    va_start(args, fmt);
+    int n = vsnprintf(text, sizeof(text), fmt, args);
+    va_end(args);
+    if (n < 0 || (size_t)n >= sizeof(text)) {
+        printf("%s():%d snprintf fail\n", func, __LINE__);
+        return;
+    }
+    emit_text(fp, func, text, (size_t)n);
+}
+
+// `n` bytes as "0x%02x" items joined by ", " (no separator after the last);
+// returns the length written to `out`, which has room for 6 * n characters.
+inline size_t hex_byte_items(const uint8_t* bytes, size_t n, char* out)
+{
+    static const char digits[] = "0123456789abcdef";
+    for (size_t i = 0; i < n; i++) {
+        char* item = out + 6 * i;
+        item[0] = '0';
+        item[1] = 'x';
+        item[2] = digits[bytes[i] >> 4];
+        item[3] = digits[bytes[i] & 15];
+        item[4] = ',';
+        item[5] = ' ';
+    }
+    return n == 0 ? 0 : 6 * n - 2;
 }
 
 #endif // QORA_UTILS_H

@@ -19,12 +19,6 @@ static const uint32_t kPageAlign = 4096;
 static const uint32_t kCmdBufAlign = 256;
 static const uint32_t kVlmSize = 0x100000;
 
-// Device addresses 0x1D800000 to 0x1DFFFFFF are the on-chip local memory.
-static bool is_vlm_address(uint32_t dev_va)
-{
-    return (dev_va >> 23) == 59;
-}
-
 static uint32_t device_va(korvex_session* session, void* p)
 {
     return (uint32_t)korvexSession_memGetInfoFromHostPtr(session, p, KORVEX_MEM_INFO_GET_DEVICE_VA);

@@ -135,8 +135,7 @@ void qoraCmd::DumpResult(const std::string& name)
         for (uint32_t w = 0; w < size >> 2; w++)
             if (fwrite(m_result_list[i] + w, 4, 1, fp) != 1)
                 printf("%s():%d fwrite error\n", __func__, __LINE__);
-        if (fclose(fp) != 0)
-            printf("%s():%d fclose error\n", __func__, __LINE__);
+        close_reporting(fp, __func__, __LINE__);
     }
 }
 

@@ -8,36 +8,20 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "qora_utils.h"
+
 static const uint32_t kMaxSectionBytes = 0x40000; // longer sections are cut
 static const char kBootName[] = ".qora_boot";
-
-static void write_text(FILE* out, const char* func, const char* text, size_t n)
-{
-    if (fwrite(text, 1, n, out) != n)
-        printf("%s():%d fwrite error\n", func, __LINE__);
-}
-
-static void write_format(FILE* out, const char* func, const char* fmt, uint32_t a, uint32_t b, uint32_t c)
-{
-    char text[256];
-    int n = snprintf(text, sizeof(text), fmt, a, b, c);
-    if (n < 0 || (size_t)n >= sizeof(text)) {
-        printf("%s():%d snprintf fail\n", func, __LINE__);
-        return;
-    }
-    write_text(out, func, text, (size_t)n);
-}
 
 // Rows of 16 "0x%02x" items for `size` bytes from the input's position,
 // then "};\n" right after the last byte.
 static void convert_fw_code(FILE* input_fp, FILE* output_fp, int size)
 {
-    static const char digits[] = "0123456789abcdef";
     uint32_t left = size < 1 ? 0 : (uint32_t)size > kMaxSectionBytes ? kMaxSectionBytes : (uint32_t)size;
     bool first = true;
     while (left > 0) {
         if (!first)
-            write_text(output_fp, "convert_fw_code", ",\n", 2);
+            emit_text(output_fp, "convert_fw_code", ",\n", 2);
         first = false;
         uint8_t bytes[16] = {0};
         size_t want = left < 16 ? left : 16;
@@ -45,19 +29,12 @@ static void convert_fw_code(FILE* input_fp, FILE* output_fp, int size)
         if (got == 0)
             break;
         char row[16 * 6];
-        for (int i = 0; i < 16; i++) {
-            char* item = row + 6 * i;
-            memcpy(item, "0x", 2);
-            item[2] = digits[bytes[i] >> 4];
-            item[3] = digits[bytes[i] & 15];
-            memcpy(item + 4, ", ", 2);
-        }
-        write_text(output_fp, "convert_fw_code", row, 6 * (got < 16 ? got : 16) - 2);
+        emit_text(output_fp, "convert_fw_code", row, hex_byte_items(bytes, got, row));
         if (got < 16)
             break;
         left -= 16;
     }
-    write_text(output_fp, "convert_fw_code", "};\n", 3);
+    emit_text(output_fp, "convert_fw_code", "};\n", 3);
 }
 
 // "qora_fw.h" for a bare file name, else "<dir>/qora_fw_<last dir>.h" with
@@ -67,19 +44,11 @@ static std::string header_name(const std::string& file)
     size_t slash = file.rfind('/');
     if (slash == std::string::npos)
         return "qora_fw.h";
-    std::string dir = file.substr(0, slash);
-    size_t parent = dir.rfind('/');
-    std::string last = parent == std::string::npos ? dir : dir.substr(parent + 1);
+    std::string last = directory_name(file, slash);
     for (char& c : last)
         if (c == '.')
             c = 'p';
-    return dir + "/qora_fw_" + last + ".h";
-}
-
-static void close_file(FILE* fp)
-{
-    if (fclose(fp) != 0)
-        printf("%s():%d fclose error\n", "convert_fw_elf_to_hdr", __LINE__);
+    return file.substr(0, slash) + "/qora_fw_" + last + ".h";
 }
 
 // The open files and the section table of one conversion.
@@ -92,8 +61,8 @@ struct fw_job {
     int fail()
     {
         free(block);
-        close_file(out);
-        close_file(in);
+        close_reporting(out, "convert_fw_elf_to_hdr", __LINE__);
+        close_reporting(in, "convert_fw_elf_to_hdr", __LINE__);
         return -1;
     }
     Elf32_Shdr header(uint32_t i) const
@@ -150,15 +119,15 @@ static void write_table(FILE* out, const fw_job& job)
     const char* func = "convert_fw_elf_to_hdr";
     static const char head[] = "\nstruct {\n    unsigned char *data;\n    unsigned int size;\n    unsigned int ofs;\n"
                                "} rv_main_section[] = {\n";
-    write_text(out, func, head, sizeof(head) - 1);
+    emit_text(out, func, head, sizeof(head) - 1);
     for (uint32_t i = 0; i < job.shnum; i++) {
         if (!job.flags()[i])
             continue;
         uint32_t addr = job.header(i).sh_addr;
-        write_format(out, func, "    {rv_%08x, sizeof(rv_%08x), 0x%x},\n", addr, addr, addr & 0xFFFF);
+        emit(out, func, "    {rv_%08x, sizeof(rv_%08x), 0x%x},\n", addr, addr, addr & 0xFFFF);
     }
     static const char tail[] = "    {NULL, 0, 0}\n};\n";
-    write_text(out, func, tail, sizeof(tail) - 1);
+    emit_text(out, func, tail, sizeof(tail) - 1);
 }
 
 int qoraFirmware::convert_fw_elf_to_hdr(const std::string& file)
@@ -178,14 +147,14 @@ int qoraFirmware::convert_fw_elf_to_hdr(const std::string& file)
         refusal = "Only support LSB data!!";
     if (refusal != nullptr) {
         puts(refusal);
-        close_file(in);
+        close_reporting(in, "convert_fw_elf_to_hdr", __LINE__);
         return -1;
     }
     std::string out_name = header_name(file);
     FILE* out = fopen(out_name.c_str(), "w");
     if (out == nullptr) {
         printf("open file(%s) error \n", out_name.c_str());
-        close_file(in);
+        close_reporting(in, "convert_fw_elf_to_hdr", __LINE__);
         return -1;
     }
     fw_job job{in, out, nullptr, eh.e_shnum};
@@ -228,7 +197,7 @@ int qoraFirmware::convert_fw_elf_to_hdr(const std::string& file)
     if (!seek_to(in, boot_sh.sh_offset, 203))
         return job.fail();
     static const char boot_head[] = "unsigned char rv_boot[] = {\n";
-    write_text(out, "convert_fw_elf_to_hdr", boot_head, sizeof(boot_head) - 1);
+    emit_text(out, "convert_fw_elf_to_hdr", boot_head, sizeof(boot_head) - 1);
     convert_fw_code(in, out, (int)boot_sh.sh_size);
     for (uint32_t i = 0; i < eh.e_shnum; i++) {
         if (!job.flags()[i])
@@ -236,13 +205,13 @@ int qoraFirmware::convert_fw_elf_to_hdr(const std::string& file)
         Elf32_Shdr sh = job.header(i);
         if (!seek_to(in, sh.sh_offset, 215))
             return job.fail();
-        write_format(out, "convert_fw_elf_to_hdr", "\nunsigned char rv_%08x[] = {\n", sh.sh_addr, 0, 0);
+        emit(out, "convert_fw_elf_to_hdr", "\nunsigned char rv_%08x[] = {\n", sh.sh_addr);
         convert_fw_code(in, out, (int)sh.sh_size);
     }
     write_table(out, job);
     free(job.block);
-    close_file(out);
-    close_file(in);
+    close_reporting(out, "convert_fw_elf_to_hdr", __LINE__);
+    close_reporting(in, "convert_fw_elf_to_hdr", __LINE__);
     printf("Generate  %s\n", out_name.c_str());
     return 0;
 }

@@ -2,9 +2,11 @@
 // reads the pattern set through.
 #include "qora_pattern.h"
 
+#include <sys/mman.h>
+
 #include <cstdlib>
 
-#include "qora_pattern_internal.h"
+#include "qora_pattern_store.h"
 
 qoraPattern::qoraPattern() : m_thrd_num(1) {}
 
@@ -146,4 +148,13 @@ uint32_t qoraPattern::get_pattern_golden_num()
     for (golden* g : m_gdn_list)
         n += (uint32_t)g->sub_gdn_list.size();
     return n;
+}
+
+void advise_huge_pages(void* block, size_t size)
+{
+    const uintptr_t huge = 2u << 20;
+    uintptr_t start = ((uintptr_t)block + huge - 1) & ~(huge - 1);
+    uintptr_t end = ((uintptr_t)block + size) & ~(huge - 1);
+    if (end > start)
+        madvise((void*)start, end - start, MADV_HUGEPAGE);
 }

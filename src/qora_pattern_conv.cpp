@@ -4,11 +4,13 @@
 //
 // The generator's state is file-wide and never reset: one conversion per
 // process is the supported use.
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 
-#include "qora_pattern_internal.h"
+#include "qora_pattern.h"
+#include "qora_pattern_conv.h"
+#include "qora_pattern_hexline.h"
+#include "qora_pattern_reader.h"
 #include "qora_utils.h"
 
 static int convert_sta;          // 0 no array open, 1 declared but empty, 2 has data
@@ -24,28 +26,6 @@ static char* data_name_list[MAX_DATA_NUM];
 static int tmp_data_tag[MAX_DATA_NUM];
 static bool code_declared;
 bool mask_exist;
-
-// Formats into the header; reports formatting and write failures for `func`.
-void emit(FILE* fp, const char* func, const char* fmt, ...)
-{
-    char text[512];
-    va_list args;
-    va_start(args, fmt);
-    int n = vsnprintf(text, sizeof(text), fmt, args);
-    va_end(args);
-    if (n < 0 || (size_t)n >= sizeof(text)) {
-        printf("%s():%d snprintf fail\n", func, __LINE__);
-        return;
-    }
-    if (fwrite(text, 1, (size_t)n, fp) != (size_t)n)
-        printf("%s():%d fwrite error\n", func, __LINE__);
-}
-
-void emit_text(FILE* fp, const char* func, const char* text, size_t n)
-{
-    if (fwrite(text, 1, n, fp) != n)
-        printf("%s():%d fwrite error\n", func, __LINE__);
-}
 
 // The header path up to its last '.', at most 79 characters.
 std::string header_base_name(const std::string& header)
@@ -165,7 +145,7 @@ static void binding_row(const char* ofs, const char* addr, const std::string& na
         emit(out, "binding_parser", "    {%s, %s_%s, 0, 0x0}", ofs, name.c_str(), "Output");
         return;
     }
-    if ((v >> 23) == 59) {
+    if (is_vlm_address(v)) {
         emit(out, "binding_parser", "    {%s, (unsigned char *)0x%x, 0x%x, 0x%x}", ofs, 0x1d900000, 0x1d900000,
              v - 0x1d900000);
         return;
@@ -257,12 +237,6 @@ static void write_tables(const std::string& name, FILE* out)
     emit(out, func, "unsigned int %s_data_num = %d;\n", name.c_str(), max_data_num);
 }
 
-static void close_file(FILE* fp, const char* func)
-{
-    if (fclose(fp) != 0)
-        printf("%s():%d fclose error\n", func, __LINE__);
-}
-
 static int convert_pattern_hex_to_hdr(const std::string& pattern, const std::string& header)
 {
     FILE* in = fopen(pattern.c_str(), "r");
@@ -273,7 +247,7 @@ static int convert_pattern_hex_to_hdr(const std::string& pattern, const std::str
     FILE* out = fopen(header.c_str(), "w");
     if (out == nullptr) {
         printf("open file(%s) error\n", header.c_str());
-        close_file(in, "convert_pattern_hex_to_hdr");
+        close_reporting(in, "convert_pattern_hex_to_hdr", __LINE__);
         return -1;
     }
     std::string name = header_base_name(header);
@@ -303,8 +277,8 @@ static int convert_pattern_hex_to_hdr(const std::string& pattern, const std::str
     if (set_binding)
         write_tables(name, out);
     emit_text(out, "convert_pattern_hex_to_hdr", "\n", 1);
-    close_file(out, "convert_pattern_hex_to_hdr");
-    close_file(in, "convert_pattern_hex_to_hdr");
+    close_reporting(out, "convert_pattern_hex_to_hdr", __LINE__);
+    close_reporting(in, "convert_pattern_hex_to_hdr", __LINE__);
     return 0;
 }
 
@@ -319,11 +293,11 @@ static int convert_pattern_bin_to_hdr(const std::string& pattern, const std::str
     FILE* out = fopen(header.c_str(), "a+");
     if (out == nullptr) {
         printf("open file(%s) error\n", header.c_str());
-        close_file(in, "convert_pattern_hex_to_hdr");
+        close_reporting(in, "convert_pattern_hex_to_hdr", __LINE__);
         return -1;
     }
-    close_file(out, "convert_pattern_hex_to_hdr");
-    close_file(in, "convert_pattern_hex_to_hdr");
+    close_reporting(out, "convert_pattern_hex_to_hdr", __LINE__);
+    close_reporting(in, "convert_pattern_hex_to_hdr", __LINE__);
     return 0;
 }
 

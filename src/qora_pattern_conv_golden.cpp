@@ -3,7 +3,10 @@
 // post-conversion supplies a null mask when none was written.
 #include <cstring>
 
-#include "qora_pattern_internal.h"
+#include "qora_pattern.h"
+#include "qora_pattern_conv.h"
+#include "qora_pattern_hexline.h"
+#include "qora_pattern_reader.h"
 #include "qora_utils.h"
 
 static char mask_char(char c)
@@ -14,12 +17,6 @@ static char mask_char(char c)
 static char data_char(char c)
 {
     return c == 'x' ? '0' : c;
-}
-
-static void close_file(FILE* fp, const char* func)
-{
-    if (fclose(fp) != 0)
-        printf("%s():%d fclose error\n", func, __LINE__);
 }
 
 // One array of a text golden: every data line as items rewritten by `map`.
@@ -60,14 +57,14 @@ static int convert_golden_hex_to_hdr(FILE* in, FILE* out, const std::string& gol
     if (base == "raw_qora_output.hex" || base == "cmodel_output.hex") {
         emit(out, func, "unsigned char %s_golden_mask[] __attribute__ ((aligned (16))) = {", name.c_str());
         if (!golden_array(in, out, mask_char)) {
-            close_file(out, func);
-            close_file(in, func);
+            close_reporting(out, func, __LINE__);
+            close_reporting(in, func, __LINE__);
             return -1;
         }
         emit(out, func, "};\n");
         emit(out, func, "unsigned char %s_golden[] __attribute__ ((aligned (16))) = {", name.c_str());
         if (!golden_array(in, out, data_char)) {
-            close_file(out, func); // only the header, as it always was
+            close_reporting(out, func, __LINE__); // only the header, as it always was
             return -1;
         }
         emit(out, func, "};\n");
@@ -75,15 +72,14 @@ static int convert_golden_hex_to_hdr(FILE* in, FILE* out, const std::string& gol
         mask_exist = true;
     }
     emit(out, func, "\n");
-    close_file(out, func);
-    close_file(in, func);
+    close_reporting(out, func, __LINE__);
+    close_reporting(in, func, __LINE__);
     return 0;
 }
 
 static int convert_golden_bin_to_hdr(FILE* in, FILE* out, const std::string& name)
 {
     const char* func = "convert_golden_bin_to_hdr";
-    static const char digits[] = "0123456789abcdef";
     emit(out, func, "unsigned char %s_golden[] __attribute__ ((aligned (16))) = {\n", name.c_str());
     prepare_progress_bar(in, true);
     uint32_t total = 0;
@@ -96,15 +92,7 @@ static int convert_golden_bin_to_hdr(FILE* in, FILE* out, const std::string& nam
             break;
         if (total != 0)
             emit_text(out, func, ",\n", 2);
-        char* p = row;
-        for (size_t i = 0; i < got; i++) {
-            memcpy(p, "0x", 2);
-            p[2] = digits[chunk[i] >> 4];
-            p[3] = digits[chunk[i] & 15];
-            memcpy(p + 4, ", ", 2);
-            p += 6;
-        }
-        emit_text(out, func, row, (size_t)(p - row) - 2);
+        emit_text(out, func, row, hex_byte_items(chunk, got, row));
         total += (uint32_t)got;
         if (got < sizeof(chunk))
             break;
@@ -113,8 +101,8 @@ static int convert_golden_bin_to_hdr(FILE* in, FILE* out, const std::string& nam
     printf("\n");
     emit(out, func, "unsigned int %s_golden_len = %u;\n", name.c_str(), total);
     emit(out, func, "\n");
-    close_file(out, func);
-    close_file(in, func);
+    close_reporting(out, func, __LINE__);
+    close_reporting(in, func, __LINE__);
     return 0;
 }
 
@@ -133,7 +121,7 @@ int qoraPattern::convert_golden_hdr(const std::string& golden, const std::string
     FILE* out = fopen(header.c_str(), "a+");
     if (out == nullptr) {
         printf("open file(%s) error\n", header.c_str());
-        close_file(in, text ? "convert_golden_hex_to_hdr" : "convert_golden_bin_to_hdr");
+        close_reporting(in, text ? "convert_golden_hex_to_hdr" : "convert_golden_bin_to_hdr", __LINE__);
         return -1;
     }
     std::string name = header_base_name(header);
@@ -151,6 +139,6 @@ int qoraPattern::post_convert(const std::string& header)
     }
     emit(out, "post_convert", "unsigned char *%s_golden_mask = NULL;", header_base_name(header).c_str());
     emit(out, "post_convert", "\n");
-    close_file(out, "post_convert");
+    close_reporting(out, "post_convert", __LINE__);
     return 0;
 }

@@ -6,7 +6,10 @@
 #include <new>
 #include <strings.h>
 
-#include "qora_pattern_internal.h"
+#include "qora_pattern.h"
+#include "qora_pattern_hexline.h"
+#include "qora_pattern_reader.h"
+#include "qora_pattern_store.h"
 #include "qora_utils.h"
 
 // Room for `len` bytes in whole 16 KiB blocks, always at least one byte more.
@@ -20,16 +23,10 @@ static bool compare_golden_addr(sub_golden* a, sub_golden* b)
     return strcasecmp(a->name, b->name) < 0;
 }
 
-static void close_golden(FILE* fp, const char* func, int line)
-{
-    if (fclose(fp) != 0)
-        printf("%s():%d fclose error\n", func, line);
-}
-
 // Closes the file and drops every region loaded so far; the load fails.
 static int fail_golden(FILE* fp, golden* g, int line)
 {
-    close_golden(fp, "load_golden_hex", line);
+    close_reporting(fp, "load_golden_hex", line);
     free_sub_golden(g);
     return -1;
 }
@@ -166,7 +163,7 @@ int qoraPattern::load_golden_hex(golden* g)
         offset += take;
     }
     clear_unread_tail(region, offset);
-    close_golden(fp, "load_golden_hex", __LINE__);
+    close_reporting(fp, "load_golden_hex", __LINE__);
     if (g->sub_gdn_list.size() >= 2)
         std::sort(g->sub_gdn_list.begin(), g->sub_gdn_list.end(), compare_golden_addr);
     return 0;
@@ -188,7 +185,7 @@ int qoraPattern::load_golden_bin(golden* g)
     sg->len = m_out_list.at(g->idx)->size;
     sg->data = new (std::nothrow) uint8_t[golden_block_size(sg->len)];
     if (sg->data == nullptr) {
-        close_golden(fp, "load_golden_bin", __LINE__);
+        close_reporting(fp, "load_golden_bin", __LINE__);
         free_sub_golden(g);
         return -1;
     }
@@ -206,7 +203,7 @@ int qoraPattern::load_golden_bin(golden* g)
             if (offset + step > sg->len) {
                 printf("\nWarning : read golden size(0x%x) > output size(0x%x)\n", offset + step, sg->len);
                 printf("free golden(%d) data\n", g->idx);
-                close_golden(fp, "load_golden_bin", __LINE__);
+                close_reporting(fp, "load_golden_bin", __LINE__);
                 free_sub_golden(g);
                 return -1;
             }
@@ -216,6 +213,6 @@ int qoraPattern::load_golden_bin(golden* g)
     }
     if (offset < sg->len)
         sg->len = offset;
-    close_golden(fp, "load_golden_bin", __LINE__);
+    close_reporting(fp, "load_golden_bin", __LINE__);
     return 0;
 }

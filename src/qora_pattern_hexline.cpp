@@ -11,7 +11,9 @@
 #include <emmintrin.h>
 #endif
 
-#include "qora_pattern_internal.h"
+#include "qora_pattern.h"
+#include "qora_pattern_hexline.h"
+#include "qora_pattern_reader.h"
 
 #define HEX_LINE_FORMAT "%2s%2s%2s%2s_%2s%2s%2s%2s_%2s%2s%2s%2s_%2s%2s%2s%2s"
 #define HEX_LINE_CHARS 35 // four groups of eight characters and three '_'

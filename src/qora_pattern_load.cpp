@@ -9,7 +9,10 @@
 #include <cstring>
 #include <strings.h>
 
-#include "qora_pattern_internal.h"
+#include "qora_pattern.h"
+#include "qora_pattern_hexline.h"
+#include "qora_pattern_reader.h"
+#include "qora_pattern_store.h"
 #include "qora_utils.h"
 
 void* (*pattern_malloc)(size_t size) = malloc;
@@ -106,22 +109,16 @@ int qoraPattern::load_pattern_bin(pattern* p)
         printf("open file(%s) error\n", p->file_name.c_str());
         return -1;
     }
-    if (fclose(fp) != 0)
-        printf("%s():%d fclose error\n", "load_pattern_bin", 1240);
+    close_reporting(fp, "load_pattern_bin", 1240);
     return 0;
 }
 
 // The pattern is named after the directory that holds its file.
 static void set_pattern_name(const std::string& pattern_hex, pattern* p)
 {
-    std::string name = pattern_hex;
-    size_t slash = name.rfind('/');
-    if (slash != std::string::npos && slash >= 1) {
-        name.resize(slash);
-        size_t parent = name.rfind('/');
-        if (parent != std::string::npos)
-            name = name.substr(parent + 1);
-    }
+    size_t slash = pattern_hex.rfind('/');
+    // Without a directory (or with only a leading '/') the path is the name.
+    std::string name = slash != std::string::npos && slash >= 1 ? directory_name(pattern_hex, slash) : pattern_hex;
     // The field keeps its terminating zero: names past 64 characters are cut.
     memcpy(p->name, name.data(), std::min(name.size(), sizeof(p->name) - 1));
 }
@@ -150,7 +147,7 @@ static void resolve_binding(binding* b, const char* addr, pattern* p, std::vecto
             return;
         }
     }
-    if ((a >> 23) == 59) {
+    if (is_vlm_address(a)) {
         b->data = (uint8_t*)(uintptr_t)kVlmBase;
         b->dev_va = kVlmBase;
         b->shift = a - kVlmBase;
@@ -385,8 +382,7 @@ int qoraPattern::load_pattern_hex(pattern* p)
                 block = BLOCK_NONE;
         } else if (len >= QORA_LINE_BUF) {
             puts("Warning : len >= 120");
-            if (fclose(fp) != 0)
-                printf("%s():%d fclose error\n", "load_pattern_hex", 1194);
+            close_reporting(fp, "load_pattern_hex", 1194);
             return -1;
         } else if (str[0] == '/' && str[1] == '/') {
             load_comment(str, len, p, m_out_list);
@@ -399,8 +395,7 @@ int qoraPattern::load_pattern_hex(pattern* p)
             puts("Warning: No '@' keyword before data");
         }
     }
-    if (fclose(fp) != 0)
-        printf("%s():%d fclose error\n", "load_pattern_hex", 1220);
+    close_reporting(fp, "load_pattern_hex", 1220);
     std::sort(m_out_list.begin(), m_out_list.end(), compare_output_addr);
     return 0;
 }

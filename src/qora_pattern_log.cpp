@@ -2,15 +2,11 @@
 // "qora_dump_buf: output" line, written as a raw binary file.
 #include <cstring>
 
-#include "qora_pattern_internal.h"
+#include "qora_pattern.h"
+#include "qora_pattern_reader.h"
+#include "qora_utils.h"
 
 static const char kMarker[] = "qora_dump_buf: output";
-
-static void close_log_file(FILE* fp)
-{
-    if (fclose(fp) != 0)
-        printf("%s():%d fclose error\n", "convert_pattern_hex_to_bin", __LINE__);
-}
 
 int qoraPattern::dump_bin_from_ctp_log(const std::string& log)
 {
@@ -23,7 +19,7 @@ int qoraPattern::dump_bin_from_ctp_log(const std::string& log)
     FILE* out = fopen(bin.c_str(), "w");
     if (out == nullptr) {
         printf("open file(%s) error\n", bin.c_str());
-        close_log_file(in);
+        close_reporting(in, "convert_pattern_hex_to_bin", __LINE__);
         return -1;
     }
     char str[QORA_LINE_BUF];
@@ -46,7 +42,7 @@ int qoraPattern::dump_bin_from_ctp_log(const std::string& log)
             in_dump = marker;
         }
     }
-    close_log_file(in);
-    close_log_file(out);
+    close_reporting(in, "convert_pattern_hex_to_bin", __LINE__);
+    close_reporting(out, "convert_pattern_hex_to_bin", __LINE__);
     return 0;
 }

@@ -5,6 +5,7 @@
 #include "qora_fw.h"
 #include "qora_pattern.h"
 #include "qora_test_settings.h"
+#include "qora_utils.h"
 
 // With --gen_use_dirname the header is named after the directory of the
 // first pattern (or golden) file and placed in that directory.
@@ -16,16 +17,13 @@ static void name_after_directory(std::string* header, std::string* prefix)
         *header = golden_list.front();
     if (header->empty())
         return;
-    long slash = (long)(int)header->rfind('/');
-    if (slash < 0) {
+    size_t slash = header->rfind('/');
+    if (slash == std::string::npos) {
         *prefix = "./";
         *header = "pattern";
     } else {
-        header->resize((size_t)slash);
-        *prefix = *header + "/";
-        size_t parent = header->rfind('/');
-        if (parent != std::string::npos)
-            *header = header->substr(parent + 1);
+        *prefix = header->substr(0, slash) + "/";
+        *header = directory_name(*header, slash);
     }
     for (char& c : *header) {
         if (c == '.')

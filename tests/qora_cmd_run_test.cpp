@@ -9,7 +9,7 @@
 #include <sstream>
 
 #include "kvx_asm.h"
-#include "qora_pattern_internal.h"
+#include "qora_pattern_store.h"
 #include "qora_test.h"
 #include "test_util.h"
 
@@ -302,6 +302,7 @@ TEST_F(RunMode, WarningsAndVerdicts)
     write_file(dir + "/fault.hex", "// Output\n// @40009000 {32}\n// Data\n@40000000\n" + kInput +
                                        "\n// Code\n@0\n" + line(0x070108, 0x1F7, 0, 0) + "\n");
     write_file(dir + "/no_out.hex", "@40000000\n" + kInput + "\n");
+    write_file(dir + "/no_data.hex", "// Output\n// @40009000 {32}\n// Code\n@0\n" + line(0, 0, 0, 0) + "\n");
     write_file(dir + "/short.bin", std::string("\x00\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d\x0e\x0f", 16));
     write_file(dir + "/gold2.hex", "@40009000\n" + kInput + "@40009000\n" + kInput);
     write_file(dir + "/two_out.hex", copy_pattern(1, false) + "// Output\n// @4000A000 {32}\n");
@@ -317,6 +318,7 @@ TEST_F(RunMode, WarningsAndVerdicts)
           "] execute   = ", "] ran on core0\n", "] Command Fail!! (-1)\n"},
          {}, {}},
         {"no output declared", "", "-f " + dir + "/no_out.hex", 1, {"] Pattern has no output information\n"}, {}, {}},
+        {"no data buffer: nothing is built", "", "-f " + dir + "/no_data.hex", 1, {}, {}, {"Get pattern", "korvexCmd"}},
         {"a short golden", "", "-f " + dir + "/copy.hex -g " + dir + "/short.bin", 0,
          {"] golde size(0x10) != output size(0x20)\n", "success"}, {}, {}},
         {"more golden regions than outputs", "", "-f " + dir + "/copy.hex -g " + dir + "/gold2.hex", 0,

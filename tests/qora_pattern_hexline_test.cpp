@@ -6,7 +6,8 @@
 #include <cstring>
 #include <random>
 
-#include "qora_pattern_internal.h"
+#include "qora_pattern_hexline.h"
+#include "qora_pattern_reader.h"
 #include "qora_utils.h"
 #include "test_util.h"
 

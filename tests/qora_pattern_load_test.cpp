@@ -5,7 +5,7 @@
 
 #include <map>
 
-#include "qora_pattern_internal.h"
+#include "qora_pattern_store.h"
 #include "test_util.h"
 
 namespace {

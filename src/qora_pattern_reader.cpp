@@ -1,11 +1,9 @@
 // Progress bar and line reading shared by every reader of pattern, golden
 // and log files.
-#include <sys/mman.h>
-
 #include <cstdlib>
 #include <cstring>
 
-#include "qora_pattern_internal.h"
+#include "qora_pattern_reader.h"
 
 uint32_t line_num = 0;
 uint32_t line_idx = 0;
@@ -156,13 +154,4 @@ text_piece line_reader::next_searched()
             break;
     }
     return {m_carry, n};
-}
-
-void advise_huge_pages(void* block, size_t size)
-{
-    const uintptr_t huge = 2u << 20;
-    uintptr_t start = ((uintptr_t)block + huge - 1) & ~(huge - 1);
-    uintptr_t end = ((uintptr_t)block + size) & ~(huge - 1);
-    if (end > start)
-        madvise((void*)start, end - start, MADV_HUGEPAGE);
 }

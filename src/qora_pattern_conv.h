@@ -1,0 +1,21 @@
+// What the pattern and golden header generators share: the array names'
+// base and the formatting of one data line as C array items.
+//
+// Contract: the generators write one header per process; `mask_exist`
+// says whether a golden mask array was written and is never cleared.
+#ifndef QORA_PATTERN_CONV_H
+#define QORA_PATTERN_CONV_H
+
+#include <cstddef>
+#include <string>
+
+extern bool mask_exist;
+
+// The header path up to its last '.', at most 79 characters: the array names' base.
+std::string header_base_name(const std::string& header);
+
+// "0x" and each token's characters (rewritten by `map`), last token first,
+// joined by ", "; returns the length written to `out` (at least 128 bytes).
+size_t format_items(char tok[16][3], char (*map)(char), char* out);
+
+#endif // QORA_PATTERN_CONV_H
