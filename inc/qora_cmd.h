@@ -37,6 +37,7 @@ struct binding {
 
 #define QORA_PLAY_MARKER 0x59414C50u // "PLAY" in memory order
 #define QORA_PMU_MAX_EVENT 14
+#define QORA_CMD_BUF_ALIGN 256 // alignment of the command buffers the player allocates
 
 struct __attribute__((packed)) qora_cmd_info {
     uint32_t code_offset;
@@ -145,7 +146,10 @@ private:
     int CompareEachOutput(uint32_t index);
     void PreparePMUEvents(qora_cmd* cmd);
     void ShowPMUEventCount(qora_cmd* cmd);
-    void BindTarget(const uint8_t* key, uint32_t dev_va, bool is_output, uint32_t size);
+    void BindDataBuffer(const uint8_t* key, uint32_t dev_va);
+    void BindOutput(const uint8_t* key, uint32_t size);
+    bool PmuEnabled() const;
+    uint32_t ResultBufSize() const;
     bool UsesVLM();
     bool AllocCmdBuf(void** slot, uint32_t size, const char* what);
     void RelocateCode(uint32_t index, uint32_t* code, uint32_t code_size, binding* table, uint32_t count);

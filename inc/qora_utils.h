@@ -20,10 +20,13 @@ enum QORA_DEBUG_MASK {
     QORA_DEBUG_PERF = 4,
 };
 
-// Prefix with an explicit function name and line, for messages whose line
-// number is part of the output.
+// The function name and line number in each prefix are part of the output:
+// users and scripts read them ("[W:RunCmd:...]"). Code split out of an
+// operation keeps printing as that operation (QORA_LOG_AS), and the few
+// messages whose line number is fixed give it literally (QORA_LOG_AT).
 #define QORA_LOG_AT(lv, func, line, fmt, ...) \
     printf("[" lv ":%s:%d] " fmt, func, line, ##__VA_ARGS__)
+#define QORA_LOG_AS(lv, func, fmt, ...) QORA_LOG_AT(lv, func, __LINE__, fmt, ##__VA_ARGS__)
 
 #define QORA_LOGI(fmt, ...) QORA_LOG_AT("I", __func__, __LINE__, fmt, ##__VA_ARGS__)
 #define QORA_LOGW(fmt, ...) QORA_LOG_AT("W", __func__, __LINE__, fmt, ##__VA_ARGS__)

@@ -16,7 +16,6 @@ uint32_t g_vlm_id;
 
 static const uint32_t kDramFlags = 2; // the allocation flags every DRAM buffer gets
 static const uint32_t kPageAlign = 4096;
-static const uint32_t kCmdBufAlign = 256;
 static const uint32_t kVlmSize = 0x100000;
 
 static uint32_t device_va(korvex_session* session, void* p)
@@ -65,22 +64,33 @@ qoraCmd::~qoraCmd()
     }
 }
 
-// Every binding of every code buffer whose target is `key` gets `dev_va`.
-void qoraCmd::BindTarget(const uint8_t* key, uint32_t dev_va, bool is_output, uint32_t size)
+// Every binding of every code buffer whose target is `key`.
+static std::vector<binding*> bindings_to(qoraPattern* ptn, const uint8_t* key)
 {
-    for (uint32_t c = 0; c < m_ptn->get_pattern_code_num(); c++) {
-        binding* table = m_ptn->get_pattern_binding(c);
-        uint32_t count = m_ptn->get_pattern_binding_num(c);
-        if (table == nullptr || count == 0)
-            continue;
-        for (uint32_t i = 0; i < count && i < MAX_NUM; i++) {
-            if (table[i].data != key)
-                continue;
-            table[i].dev_va = is_output ? device_va(m_session, m_result_list.back()) : dev_va;
-            if (is_output && (m_debug_lv & QORA_DEBUG_MEM))
-                QORA_LOG_AT("D", "AllocDataMem", __LINE__, "output_buf: dev va = 0x%08x size = %d\n",
-                            table[i].dev_va, size);
-        }
+    std::vector<binding*> found;
+    for (uint32_t c = 0; c < ptn->get_pattern_code_num(); c++) {
+        binding* table = ptn->get_pattern_binding(c);
+        uint32_t count = ptn->get_pattern_binding_num(c);
+        for (uint32_t i = 0; table != nullptr && i < count && i < MAX_NUM; i++)
+            if (table[i].data == key)
+                found.push_back(&table[i]);
+    }
+    return found;
+}
+
+void qoraCmd::BindDataBuffer(const uint8_t* key, uint32_t dev_va)
+{
+    for (binding* b : bindings_to(m_ptn, key))
+        b->dev_va = dev_va;
+}
+
+// The output's device buffer is the one allocated last.
+void qoraCmd::BindOutput(const uint8_t* key, uint32_t size)
+{
+    for (binding* b : bindings_to(m_ptn, key)) {
+        b->dev_va = device_va(m_session, m_result_list.back());
+        if (m_debug_lv & QORA_DEBUG_MEM)
+            QORA_LOG_AS("D", "AllocDataMem", "output_buf: dev va = 0x%08x size = %d\n", b->dev_va, size);
     }
 }
 
@@ -118,7 +128,7 @@ int qoraCmd::AllocDataMem()
         else if (b->size != 0)
             memcpy(p, b->data, b->size);
         b->dev_va = device_va(m_session, p);
-        BindTarget(b->data, b->dev_va, false, b->size);
+        BindDataBuffer(b->data, b->dev_va);
         QORA_LOGD(m_debug_lv, QORA_DEBUG_MEM, "%s: dev va = 0x%08x sz = %u\n", b->data_addr_str, b->dev_va,
                   (uint32_t)korvexSession_memGetInfoFromHostPtr(m_session, p, KORVEX_MEM_INFO_GET_SIZE));
         m_mem_list.push_back((uint32_t*)p);
@@ -133,7 +143,7 @@ int qoraCmd::AllocDataMem()
         }
         memset(p, 0xA5, size);
         m_result_list.push_back((uint32_t*)p);
-        BindTarget(key, 0, true, size); // outputs win over data buffers
+        BindOutput(key, size); // outputs win over data buffers
     }
     return 0;
 }
@@ -183,9 +193,9 @@ int qoraCmd::PrepareCmdBuf()
 // Allocates one command buffer; reports `what` and returns false on failure.
 bool qoraCmd::AllocCmdBuf(void** slot, uint32_t size, const char* what)
 {
-    *slot = korvexSession_cmdBufAlloc(m_session, size, kCmdBufAlign);
+    *slot = korvexSession_cmdBufAlloc(m_session, size, QORA_CMD_BUF_ALIGN);
     if (*slot == nullptr)
-        QORA_LOG_AT("E", "PrepareSubCmdBuf", __LINE__, "alloc command buffer (%s) fail\n", what);
+        QORA_LOG_AS("E", "PrepareSubCmdBuf", "alloc command buffer (%s) fail\n", what);
     return *slot != nullptr;
 }
 
@@ -202,14 +212,14 @@ void qoraCmd::RelocateCode(uint32_t index, uint32_t* code, uint32_t code_size, b
             b->dev_va = m_vlm_addr;
         uint32_t word = b->ofs & 0xFFFFFFFCu;
         if ((uint64_t)word + 4 > code_size) {
-            QORA_LOG_AT("W", "PrepareSubCmdBuf", __LINE__, "codebuf %u: binding ofs 0x%x outside code size 0x%x\n",
+            QORA_LOG_AS("W", "PrepareSubCmdBuf", "codebuf %u: binding ofs 0x%x outside code size 0x%x\n",
                         index, b->ofs, code_size);
             continue;
         }
         uint32_t target = b->dev_va + b->shift;
         code[word / 4] = target >> 4;
         if (m_debug_lv & QORA_DEBUG_MEM)
-            QORA_LOG_AT("D", "PrepareSubCmdBuf", __LINE__, "codebuf ofs 0x%x = 0x%x\n", b->ofs, target);
+            QORA_LOG_AS("D", "PrepareSubCmdBuf", "codebuf ofs 0x%x = 0x%x\n", b->ofs, target);
     }
 }
 
@@ -232,7 +242,7 @@ int qoraCmd::PrepareSubCmdBuf(uint32_t index)
     if (code->size != 0) // a code buffer whose block was never allocated holds nothing
         memcpy(cmd->buf, code->data, code->size);
     RelocateCode(index, cmd->buf, code->size, table, count);
-    if (!m_pmu_evt.empty() || m_flusher_en != 0) {
+    if (PmuEnabled()) {
         if (m_pmu_evt.size() <= QORA_PMU_MAX_EVENT - 1)
             PreparePMUEvents(cmd);
         else
@@ -275,9 +285,9 @@ void qoraCmd::SetBoost(korvex_subcmd* sub, int boost)
         return;
     if (boost >= 101) {
         if (korvexSubCmd_setParam(sub, SC_PARAM_TURBO_BOOST, 1) != 0)
-            QORA_LOG_AT("W", "AddSubCmdBuf", __LINE__, "setParam turbo boost: Fail\n");
+            QORA_LOG_AS("W", "AddSubCmdBuf", "setParam turbo boost: Fail\n");
     } else if (korvexSubCmd_setParam(sub, SC_PARAM_BOOST_VALUE, (uint64_t)boost) != 0) {
-        QORA_LOG_AT("W", "AddSubCmdBuf", __LINE__, "setParam boost value: Fail\n");
+        QORA_LOG_AS("W", "AddSubCmdBuf", "setParam boost value: Fail\n");
     }
 }
 
@@ -294,7 +304,7 @@ int qoraCmd::AddSubCmdBuf(uint32_t index, int boost, std::vector<korvex_subcmd*>
     sum += korvexSubCmd_addCmdBuf(sub, cmd->res, KORVEX_CB_OUT);
     sum += korvexSubCmd_addCmdBuf(sub, cmd->buf, KORVEX_CB_IN);
     sum += korvexSubCmd_addCmdBuf(sub, cmd->player, KORVEX_CB_BIDIRECTIONAL);
-    if (!m_pmu_evt.empty() || m_flusher_en != 0) {
+    if (PmuEnabled()) {
         sum += korvexSubCmd_addCmdBuf(sub, cmd->pmu, KORVEX_CB_IN);
         sum += korvexSubCmd_addCmdBuf(sub, cmd->pmu_res, KORVEX_CB_OUT);
         sum += korvexSubCmd_addCmdBuf(sub, cmd->pmu_buf, KORVEX_CB_OUT);
@@ -314,13 +324,13 @@ int qoraCmd::AddSubCmdBuf(uint32_t index, int boost, std::vector<korvex_subcmd*>
 void qoraCmd::SetCmdParams(int delay_off, int softlimit, int hardlimit, bool perf_mode)
 {
     if (delay_off != 0 && korvexCmd_setParam(korvex_cmd, CMD_PARAM_DELAY_POWER_OFF_MS, (uint64_t)(int64_t)delay_off) != 0)
-        QORA_LOG_AT("W", "RunCmd", __LINE__, "setParam delay power off: Fail\n");
+        QORA_LOG_AS("W", "RunCmd", "setParam delay power off: Fail\n");
     if (softlimit != 0 && korvexCmd_setParam(korvex_cmd, CMD_PARAM_SOFTLIMIT, (uint64_t)(int64_t)softlimit) != 0)
-        QORA_LOG_AT("W", "RunCmd", __LINE__, "setParam soft limit: Fail\n");
+        QORA_LOG_AS("W", "RunCmd", "setParam soft limit: Fail\n");
     if (hardlimit != 0 && korvexCmd_setParam(korvex_cmd, CMD_PARAM_HARDLIMIT, (uint64_t)(int64_t)hardlimit) != 0)
-        QORA_LOG_AT("W", "RunCmd", __LINE__, "setParam hard limit: Fail\n");
+        QORA_LOG_AS("W", "RunCmd", "setParam hard limit: Fail\n");
     if (perf_mode && korvexCmd_setParam(korvex_cmd, CMD_PARAM_POWERPOLICY, KORVEX_POWERPOLICY_PERFORMANCE) != 0)
-        QORA_LOG_AT("W", "RunCmd", __LINE__, "setParam performance mode: Fail\n");
+        QORA_LOG_AS("W", "RunCmd", "setParam performance mode: Fail\n");
 }
 
 // Every later sub-command is packed with the first, sharing its VLM context.
@@ -329,12 +339,12 @@ void qoraCmd::PackSubCmds(std::vector<korvex_subcmd*>& list)
     if (list.size() < 2)
         return;
     if (korvexSubCmd_setParam(list[0], SC_PARAM_VLM_CTX, 1) != 0)
-        QORA_LOG_AT("W", "RunCmd", __LINE__, "setParam SC_PARAM_VLM_CTX: Fail\n");
+        QORA_LOG_AS("W", "RunCmd", "setParam SC_PARAM_VLM_CTX: Fail\n");
     for (size_t i = 1; i < list.size(); i++) {
         if (korvexSubCmd_setParam(list[i], SC_PARAM_VLM_CTX, 1) != 0)
-            QORA_LOG_AT("W", "RunCmd", __LINE__, "setParam SC_PARAM_VLM_CTX: Fail\n");
+            QORA_LOG_AS("W", "RunCmd", "setParam SC_PARAM_VLM_CTX: Fail\n");
         if (korvexCmd_setDependencyPack(korvex_cmd, list[0], list[i]) != 0)
-            QORA_LOG_AT("W", "RunCmd", __LINE__, "setDependencyPack : Fail\n");
+            QORA_LOG_AS("W", "RunCmd", "setDependencyPack : Fail\n");
     }
 }
 
@@ -342,26 +352,26 @@ void qoraCmd::ReportSubCmd(qora_cmd* cmd, korvex_subcmd* sub)
 {
     qora_cmd_result* res = cmd->res;
     if (res->code_out_flow_id != 0)
-        QORA_LOG_AT("W", "RunCmd", __LINE__, "res: core%d, last finished flow id = %d (abort/halt?)\n",
+        QORA_LOG_AS("W", "RunCmd", "res: core%d, last finished flow id = %d (abort/halt?)\n",
                     res->code_out_core_id, res->code_out_flow_id);
     if (res->hw_error_msg != 0)
-        QORA_LOG_AT("E", "RunCmd", __LINE__, "res: core%d, irq hint = 0x%x\n", res->code_out_core_id,
+        QORA_LOG_AS("E", "RunCmd", "res: core%d, irq hint = 0x%x\n", res->code_out_core_id,
                     res->hw_error_msg);
     if (m_debug_lv & QORA_DEBUG_PERF) {
         qora_player_info* pl = cmd->player;
-        QORA_LOG_AT("D", "RunCmd", __LINE__, "execute   = %d[us]\n", pl->out_execute_us);
-        QORA_LOG_AT("D", "RunCmd", __LINE__, "prepare   = %d[us]\n", pl->out_prepare_us);
-        QORA_LOG_AT("D", "RunCmd", __LINE__, "waiting   = %d[us]\n", pl->out_waiting_us);
-        QORA_LOG_AT("D", "RunCmd", __LINE__, "blocked   = %d[us]\n", pl->out_blocked_us);
-        QORA_LOG_AT("D", "RunCmd", __LINE__, "post_proc = %d[us]\n", pl->out_post_proc_us);
-        QORA_LOG_AT("D", "RunCmd", __LINE__, "bandwidth = %u[MB/s]\n",
+        QORA_LOG_AS("D", "RunCmd", "execute   = %d[us]\n", pl->out_execute_us);
+        QORA_LOG_AS("D", "RunCmd", "prepare   = %d[us]\n", pl->out_prepare_us);
+        QORA_LOG_AS("D", "RunCmd", "waiting   = %d[us]\n", pl->out_waiting_us);
+        QORA_LOG_AS("D", "RunCmd", "blocked   = %d[us]\n", pl->out_blocked_us);
+        QORA_LOG_AS("D", "RunCmd", "post_proc = %d[us]\n", pl->out_post_proc_us);
+        QORA_LOG_AS("D", "RunCmd", "bandwidth = %u[MB/s]\n",
                     (uint32_t)korvexSubCmd_getRunInfo(sub, SC_RUNINFO_BANDWIDTH));
-        QORA_LOG_AT("D", "RunCmd", __LINE__, "execTime  = %u[us]\n",
+        QORA_LOG_AS("D", "RunCmd", "execTime  = %u[us]\n",
                     (uint32_t)korvexSubCmd_getRunInfo(sub, SC_RUNINFO_DRIVERTIME));
-        QORA_LOG_AT("D", "RunCmd", __LINE__, "ipTime    = %u[us]\n",
+        QORA_LOG_AS("D", "RunCmd", "ipTime    = %u[us]\n",
                     (uint32_t)korvexSubCmd_getRunInfo(sub, SC_RUNINFO_IPTIME));
     }
-    if (!m_pmu_evt.empty() || m_flusher_en != 0)
+    if (PmuEnabled())
         ShowPMUEventCount(cmd);
 }
 

@@ -137,6 +137,11 @@ static int nearest_buffer(const char* addr, uint32_t v, uint32_t* shift)
     return best;
 }
 
+// One row of the binding table. The loader resolves the same relocation
+// lines by rules of its own (resolve_binding in qora_pattern_load.cpp): any
+// number of outputs, buffer names matched by their start, and a buffer of
+// that very name winning over an address inside an output. The rules here
+// are those the built-in pattern headers were generated with, and stay so.
 static void binding_row(const char* ofs, const char* addr, const std::string& name, FILE* out)
 {
     uint32_t v = hex_of(addr);

@@ -137,6 +137,12 @@ static uint32_t hex_value(const char* text)
 // Where a relocation to `addr` points. Rules in order: an output by name,
 // the on-chip local memory window, a data buffer by name, inside an output,
 // else the nearest data buffer below the address.
+// The header generator resolves relocations by rules of its own
+// (binding_row in qora_pattern_conv.cpp): it knows one output, matches a
+// buffer by the tail of its name, skips buffers whose address reads as 0 and
+// lets an address inside its output win over a buffer of that very name.
+// They stay apart: generated headers keep the tables the built-in patterns
+// were made with.
 static void resolve_binding(binding* b, const char* addr, pattern* p, std::vector<output*>& out_list)
 {
     size_t n = strlen(addr);
