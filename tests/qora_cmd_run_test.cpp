@@ -166,16 +166,15 @@ TEST_F(RunMode, MismatchReportAndDump)
 {
     std::string out;
     std::string args = "-f " + dir + "/copy.hex -g " + dir + "/bad.hex --dump_output";
-    EXPECT_EQ(run_player("-l 5 " + args, &out, false, ""), 1);
+    EXPECT_EQ(run_player("-l 5 " + args, &out, false, "-C " + dir), 1);
     EXPECT_NE(out.find("]   5: output = 17161514, golden = 17161414, mask = ffffffff\n"), std::string::npos) << out;
     EXPECT_NE(out.find("] QORA loop 0 !! Compare golden Fail !!\n"), std::string::npos);
     EXPECT_EQ(out.find("error"), std::string::npos) << "the dump was written and closed";
     EXPECT_EQ(out.find("Run command", out.find("Compare golden Fail")), std::string::npos); // the loop stops
-    EXPECT_EQ(read_file("output0_0.bin"), read_file("output0_0.bin").substr(0, 32));
-    std::string dumped = read_file("output0_0.bin");
-    ASSERT_EQ(dumped.size(), 32u);
-    EXPECT_EQ((uint8_t)dumped[31], 0x1f);
-    remove("output0_0.bin");
+    std::string copied;
+    for (int i = 0; i < 32; i++)
+        copied += (char)i;
+    EXPECT_EQ(read_file(dir + "/output0_0.bin"), copied); // what the engine wrote, not the golden
 }
 
 TEST_F(RunMode, MiddlewareFailures)
@@ -340,16 +339,13 @@ TEST_F(RunMode, WarningsAndVerdicts)
          {"] get vlm fail!!\n", "] alloc share mem FAIL\n", "irq hint = 0x8007\n"}, {}, {"VLM_USAGE"}},
         {"a binding past the code is not written", "", "-f " + dir + "/past.hex -g " + dir + "/gold.hex", 0,
          {"] codebuf 0: binding ofs 0x1003 outside code size 0x20\n", "success"}, {}, {}},
-        {"the dump cannot be written", "", "-f " + dir + "/copy.hex -g " + dir + "/bad.hex --dump_output", 1,
+        {"the dump cannot be written", "-C " + dir, "-f " + dir + "/copy.hex -g " + dir + "/bad.hex --dump_output", 1,
          {"] open file(output0_0.bin) error\n"}, {}, {}},
     };
     // The dump goes to the working directory: make it unwritable there.
     (void)!system(("mkdir -p '" + dir + "/output0_0.bin'").c_str());
-    for (RunCase c : cases) {
-        if (std::string(c.what) == "the dump cannot be written")
-            c.env = "-C " + dir;
+    for (const RunCase& c : cases)
         check(c);
-    }
 }
 
 } // namespace

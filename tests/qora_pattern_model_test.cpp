@@ -68,8 +68,8 @@ TEST(PatternModel, EmptySetThrowsOnPatternAccessors)
         try {
             call();
             ADD_FAILURE() << "no exception";
-        } catch (const std::out_of_range& e) {
-            EXPECT_STREQ(e.what(), "vector::_M_range_check: __n (which is 0) >= this->size() (which is 0)");
+        } catch (const std::out_of_range&) {
+            // the standard range-checked access reports it
         }
     }
     EXPECT_EQ(set.get_pattern_output_num(), 0u);
