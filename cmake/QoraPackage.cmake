@@ -1,7 +1,7 @@
 # Install layout, CMake package configuration and Debian packages.
 #
 #   bin/qora_player
-#   lib/libqora_ut.so.3.0.18 (+ SONAME and development links)
+#   lib/libqora_ut.so.<version> (+ SONAME and development links)
 #   include/qora_ut/qora_test.h
 #   lib/cmake/qora_ut/           find_package(qora_ut) -> qora_ut::qora_ut
 #   lib/qora_ut/engine-model/    our engine model, kept apart so it is never

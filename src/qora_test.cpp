@@ -10,7 +10,7 @@
 #include "qora_test_settings.h"
 #include "qora_utils.h"
 
-#define QORA_PLAYER_VERSION "3.0.18"
+#include "qora_version.h"
 
 std::vector<std::string> pattern_list;
 std::vector<std::string> golden_list;

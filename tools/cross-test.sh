@@ -4,8 +4,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 QORA_CROSS=1 tools/install-deps.sh
-cmake -S . -B build-aarch64 -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake -DQORA_WERROR=ON
-cmake --build build-aarch64 -j"$(nproc)"
-ctest --test-dir build-aarch64 --output-on-failure -j"$(nproc)"
+cmake --preset aarch64
+cmake --build --preset aarch64 -j"$(nproc)"
+ctest --preset aarch64 -j"$(nproc)"
 qemu-aarch64 -L /usr/aarch64-linux-gnu build-aarch64/qora_player -f Test | tail -1
 (cd build-aarch64 && cpack -G DEB >/dev/null && ls qora-ut_*_arm64.deb)

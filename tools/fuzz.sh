@@ -8,9 +8,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 mode=${1:-60}
 QORA_FUZZ_DEPS=1 tools/install-deps.sh
-CC=clang CXX=clang++ cmake -S . -B build-fuzz -DQORA_FUZZ=ON -DQORA_BUILD_TESTS=OFF \
-  -DQORA_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build-fuzz -j"$(nproc)"
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz -j"$(nproc)"
 export ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export LSAN_OPTIONS=suppressions=$PWD/tests/lsan.supp
 for bin in build-fuzz/fuzz/*_fuzz; do

@@ -5,8 +5,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 tools/install-deps.sh
-cmake -S . -B build >/dev/null
-cmake --build build -j"$(nproc)" --target qora_player
+cmake --preset default >/dev/null
+cmake --build --preset default -j"$(nproc)" --target qora_player
 if [ $# -eq 0 ]; then
   set -- -f Test
 fi

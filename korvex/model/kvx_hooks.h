@@ -27,6 +27,8 @@ hook_action hook_call(const char* op);
 // Counts a call of `op`; true when this call is to fail.
 bool hook_fail(const char* op);
 
+// True when a call trace is asked for; lets callers skip building lines
+// no one reads.
 bool tracing();
 // Appends "<op>(<args>) = <result>" to the call trace.
 void trace_call(const char* op, const std::string& args, const std::string& result);
