@@ -306,6 +306,7 @@ TEST_F(RunMode, WarningsAndVerdicts)
     write_file(dir + "/gold2.hex", "@40009000\n" + kInput + "@40009000\n" + kInput);
     write_file(dir + "/two_out.hex", copy_pattern(1, false) + "// Output\n// @4000A000 {32}\n");
     write_file(dir + "/gold_b.hex", "@4000A000\n" + kInput);
+    write_file(dir + "/half.hex", "@40009000\n" + kInput.substr(0, kInput.find('\n') + 1));
     write_file(dir + "/past.hex", copy_pattern(1, false) + "// 4099 @40009000\n");
     const std::string copy = "-f " + dir + "/copy.hex -g " + dir + "/gold.hex ";
     const std::string vlm = "-f " + dir + "/vlm.hex -g " + dir + "/gold.hex ";
@@ -320,6 +321,8 @@ TEST_F(RunMode, WarningsAndVerdicts)
         {"no data buffer: nothing is built", "", "-f " + dir + "/no_data.hex", 1, {}, {}, {"Get pattern", "korvexCmd"}},
         {"a short golden", "", "-f " + dir + "/copy.hex -g " + dir + "/short.bin", 0,
          {"] golde size(0x10) != output size(0x20)\n", "success"}, {}, {}},
+        {"a text golden shorter than its output checks what it holds", "",
+         "-f " + dir + "/copy.hex -g " + dir + "/half.hex", 0, {"success"}, {}, {"golde size"}},
         {"more golden regions than outputs", "", "-f " + dir + "/copy.hex -g " + dir + "/gold2.hex", 0,
          {"] golden number(2) dismatch (output num = 1)\n", "Run pattern 1 times : done (doesn't compare golden)"}, {}, {}},
         {"the first of two outputs fails", "", "-f " + dir + "/two_out.hex -g " + dir + "/bad.hex -g " + dir + "/gold_b.hex",

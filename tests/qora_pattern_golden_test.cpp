@@ -51,10 +51,10 @@ TEST(GoldenLoad, Scenarios)
          " mask=ffffffffffffffffffffffffffffffffffffffff\n",
          {"Warning : read golden last line not 16 bytes align (0x4)\n",
           "Warning : read golden last line not 16 bytes align (0x0)\n"}},
-        {"lines that stop short of the output: the rest is compared against zero",
+        {"lines that stop short of the output: the rest is not compared",
          {{"g.hex", "@40009000\n" + kLine}},
          "golden0 40009000 len=32 ffeeddccbbaa99887766554433221100" + std::string(32, '0') +
-             " mask=" + std::string(64, 'f') + "\n",
+             " mask=" + std::string(32, 'f') + std::string(32, '0') + "\n",
          {}},
         {"unknown region name drops every region",
          {{"g.hex", "@40000000\n" + kLine + "@50000000\n" + kLine}},
