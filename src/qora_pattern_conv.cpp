@@ -242,19 +242,28 @@ static void write_tables(const std::string& name, FILE* out)
     emit(out, func, "unsigned int %s_data_num = %d;\n", name.c_str(), max_data_num);
 }
 
+bool open_conversion(const std::string& input, const std::string& header, const char* mode, const char* func,
+                     FILE** in, FILE** out)
+{
+    *in = fopen(input.c_str(), "r");
+    if (*in == nullptr) {
+        printf("open file(%s) error\n", input.c_str());
+        return false;
+    }
+    *out = fopen(header.c_str(), mode);
+    if (*out == nullptr) {
+        printf("open file(%s) error\n", header.c_str());
+        close_reporting(*in, func, __LINE__);
+        return false;
+    }
+    return true;
+}
+
 static int convert_pattern_hex_to_hdr(const std::string& pattern, const std::string& header)
 {
-    FILE* in = fopen(pattern.c_str(), "r");
-    if (in == nullptr) {
-        printf("open file(%s) error\n", pattern.c_str());
+    FILE *in, *out;
+    if (!open_conversion(pattern, header, "w", "convert_pattern_hex_to_hdr", &in, &out))
         return -1;
-    }
-    FILE* out = fopen(header.c_str(), "w");
-    if (out == nullptr) {
-        printf("open file(%s) error\n", header.c_str());
-        close_reporting(in, "convert_pattern_hex_to_hdr", __LINE__);
-        return -1;
-    }
     std::string name = header_base_name(header);
     prepare_progress_bar(in, false);
     line_reader reader(in);
@@ -290,17 +299,9 @@ static int convert_pattern_hex_to_hdr(const std::string& pattern, const std::str
 // Binary patterns are not converted: both files are opened and closed.
 static int convert_pattern_bin_to_hdr(const std::string& pattern, const std::string& header)
 {
-    FILE* in = fopen(pattern.c_str(), "r");
-    if (in == nullptr) {
-        printf("open file(%s) error\n", pattern.c_str());
+    FILE *in, *out;
+    if (!open_conversion(pattern, header, "a+", "convert_pattern_hex_to_hdr", &in, &out))
         return -1;
-    }
-    FILE* out = fopen(header.c_str(), "a+");
-    if (out == nullptr) {
-        printf("open file(%s) error\n", header.c_str());
-        close_reporting(in, "convert_pattern_hex_to_hdr", __LINE__);
-        return -1;
-    }
     close_reporting(out, "convert_pattern_hex_to_hdr", __LINE__);
     close_reporting(in, "convert_pattern_hex_to_hdr", __LINE__);
     return 0;

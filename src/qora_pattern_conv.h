@@ -7,6 +7,7 @@
 #define QORA_PATTERN_CONV_H
 
 #include <cstddef>
+#include <cstdio>
 #include <string>
 
 extern bool mask_exist;
@@ -17,5 +18,11 @@ std::string header_base_name(const std::string& header);
 // "0x" and each token's characters (rewritten by `map`), last token first,
 // joined by ", "; returns the length written to `out` (at least 128 bytes).
 size_t format_items(char tok[16][3], char (*map)(char), char* out);
+
+// Opens `input` for reading and `header` with `mode`. On failure prints
+// "open file(%s) error" for the file that failed, closes the input when the
+// header failed (reported as `func`) and returns false.
+bool open_conversion(const std::string& input, const std::string& header, const char* mode, const char* func,
+                     FILE** in, FILE** out);
 
 #endif // QORA_PATTERN_CONV_H

@@ -113,17 +113,10 @@ int qoraPattern::convert_golden_hdr(const std::string& golden, const std::string
         puts("Golden file type: Fail");
         return -1;
     }
-    FILE* in = fopen(golden.c_str(), "r");
-    if (in == nullptr) {
-        printf("open file(%s) error\n", golden.c_str());
+    FILE *in, *out;
+    if (!open_conversion(golden, header, "a+", text ? "convert_golden_hex_to_hdr" : "convert_golden_bin_to_hdr",
+                         &in, &out))
         return -1;
-    }
-    FILE* out = fopen(header.c_str(), "a+");
-    if (out == nullptr) {
-        printf("open file(%s) error\n", header.c_str());
-        close_reporting(in, text ? "convert_golden_hex_to_hdr" : "convert_golden_bin_to_hdr", __LINE__);
-        return -1;
-    }
     std::string name = header_base_name(header);
     return text ? convert_golden_hex_to_hdr(in, out, golden, name) : convert_golden_bin_to_hdr(in, out, name);
 }
