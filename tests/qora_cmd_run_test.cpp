@@ -308,6 +308,7 @@ TEST_F(RunMode, WarningsAndVerdicts)
     write_file(dir + "/gold_b.hex", "@4000A000\n" + kInput);
     write_file(dir + "/half.hex", "@40009000\n" + kInput.substr(0, kInput.find('\n') + 1));
     write_file(dir + "/past.hex", copy_pattern(1, false) + "// 4099 @40009000\n");
+    write_file(dir + "/last.hex", copy_pattern(1, false) + "// 28 @40009000\n");
     const std::string copy = "-f " + dir + "/copy.hex -g " + dir + "/gold.hex ";
     const std::string vlm = "-f " + dir + "/vlm.hex -g " + dir + "/gold.hex ";
     const std::string two = "-f " + dir + "/two.hex -g " + dir + "/gold.hex ";
@@ -342,6 +343,8 @@ TEST_F(RunMode, WarningsAndVerdicts)
          {"] get vlm fail!!\n", "] alloc share mem FAIL\n", "irq hint = 0x8007\n"}, {}, {"VLM_USAGE"}},
         {"a binding past the code is not written", "", "-f " + dir + "/past.hex -g " + dir + "/gold.hex", 0,
          {"] codebuf 0: binding ofs 0x1003 outside code size 0x20\n", "success"}, {}, {}},
+        {"a binding on the code's last word is written", "", "-f " + dir + "/last.hex -d 2", 0,
+         {"codebuf ofs 0x1c = 0x"}, {}, {"outside code size"}},
         {"the dump cannot be written", "-C " + dir, "-f " + dir + "/copy.hex -g " + dir + "/bad.hex --dump_output", 1,
          {"] open file(output0_0.bin) error\n"}, {}, {}},
     };

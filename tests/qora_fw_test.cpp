@@ -112,6 +112,8 @@ TEST_F(Firmware, SectionsMatchObjcopy)
                      "    {rv_19004000, sizeof(rv_19004000), 0x4000},\n    {NULL, 0, 0}\n};\n"),
               std::string::npos)
         << h;
+    const std::string tail = "    {NULL, 0, 0}\n};\n"; // the header ends with the table
+    EXPECT_EQ(h.compare(h.size() - std::min(h.size(), tail.size()), std::string::npos, tail), 0);
 }
 
 TEST_F(Firmware, LargeSectionsAreCut)

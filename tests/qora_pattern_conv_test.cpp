@@ -33,10 +33,11 @@ protected:
 
 TEST_F(Conversions, PatternHeaderText)
 {
-    write_file(dir + "/p.hex", kPattern);
+    write_file(dir + "/p.hex", "x\n" + kPattern);
     write_file(dir + "/out.hex", "@40009000\n" + line(1, 2, 3, 4));
     std::string out;
     EXPECT_EQ(player("--gen hdr -f p.hex -g out.hex", &out), 0);
+    EXPECT_NE(out.find("Warning: No '@' keyword before data\n"), std::string::npos) << out;
     EXPECT_NE(out.find("binding warning (addr=3ffffff0)\n"), std::string::npos) << out;
     EXPECT_NE(out.find("Generate hdr.h\n"), std::string::npos);
     std::string h = read_file(dir + "/hdr.h");
@@ -118,11 +119,11 @@ TEST_F(Conversions, GoldenHeaders)
          "unsigned char g_golden[] __attribute__ ((aligned (16))) = {\n0x00, 0xff, 0x00, 0xff, 0x00, 0xff, 0x00, "
          "0xff, 0x00, 0xff, 0x00, 0xff, 0x00, 0xff, 0x00, 0xff};\n"
          "unsigned int g_golden_len = sizeof(g_golden);\n\n"},
-        {"a 32-character line is a data line, read as far as it goes", "cmodel_output.hex",
-         "@4\n00112233_44556677_8899aabb_ccdde\n",
-         "unsigned char g_golden_mask[] __attribute__ ((aligned (16))) = {\n0x, 0xf, 0xff, 0xff, 0xff, 0xff, 0xff, "
+        {"a line of 32 characters (line feed included) is a data line, read as far as it goes",
+         "cmodel_output.hex", "@4\n00112233_44556677_8899aabb_ccdd\n",
+         "unsigned char g_golden_mask[] __attribute__ ((aligned (16))) = {\n0x, 0x, 0xff, 0xff, 0xff, 0xff, 0xff, "
          "0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff};\n"
-         "unsigned char g_golden[] __attribute__ ((aligned (16))) = {\n0x, 0xe, 0xdd, 0xcc, 0xbb, 0xaa, 0x99, "
+         "unsigned char g_golden[] __attribute__ ((aligned (16))) = {\n0x, 0x, 0xdd, 0xcc, 0xbb, 0xaa, 0x99, "
          "0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11, 0x00};\n"
          "unsigned int g_golden_len = sizeof(g_golden);\n\n"},
         {"a 20-byte binary golden", "g.bin", std::string("\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d\x0e\x0f\x10\xaa\xbb\xcc\xdd"),
@@ -185,6 +186,8 @@ TEST_F(Conversions, ModeDispatchAndNaming)
     EXPECT_NE(read_file(dir + "/tests/max-pwr.4/max_pwrp4.h").find("max_pwrp4_binding_num = 6"), std::string::npos);
     EXPECT_EQ(player("--gen_use_dirname -f p.hex", &out), 0);
     EXPECT_NE(out.find("Generate ./pattern.h\n"), std::string::npos);
+    EXPECT_EQ(player("--gen_use_dirname -f /nonexistent.hex", &out), 0); // in the root: no directory name
+    EXPECT_EQ(out.find("Generate"), std::string::npos) << out;
     EXPECT_EQ(player("--gen h", &out), 0);
     EXPECT_NE(read_file(dir + "/h.h").find("unsigned char *h_golden_mask = NULL;"), std::string::npos);
 }

@@ -65,7 +65,7 @@ TEST(GoldenLoad, Scenarios)
          "",
          {"Warning : len >= 120\n"}},
         {"short lines, comments and lines before any region are skipped",
-         {{"g.hex", kLine + "/" + kLine + "0011\n@40000000\n" + kLine}},
+         {{"g.hex", kLine + "/" + kLine + "0011\n@40000000\n\n" + kLine}},
          "golden0 40000000 len=16 ffeeddccbbaa99887766554433221100 mask=ffffffffffffffffffffffffffffffff\n",
          {}},
         {"binary goldens: longer, shorter, empty",
@@ -117,6 +117,11 @@ TEST(GoldenLoad, LargeBinaryGolden)
     });
     EXPECT_EQ(r.result, "2000000 1");
     EXPECT_NE(r.out.find("][100%]\n"), std::string::npos);
+    write_file(dir + "/one_read.bin", std::string(16, 'x'));
+    r = run_isolated([&] { return load_and_describe({dir + "/p.hex"}, {dir + "/one_read.bin"}); });
+    std::string golden_bar = r.out.substr(r.out.find("[100%]\n") + 7); // after the pattern's bar
+    EXPECT_EQ(golden_bar.find("[50%]"), std::string::npos) << "one 16-byte read is all of it: " << golden_bar;
+    EXPECT_NE(golden_bar.find("[100%]\n"), std::string::npos) << golden_bar;
     r = run_isolated([&] { return load_and_describe({dir + "/p.hex"}, {dir + "/over.bin"}); });
     EXPECT_NE(r.out.find("Warning : read golden size(0x1e8481) > output size(0x1e8480)"), std::string::npos);
 }

@@ -143,6 +143,12 @@ TEST(PatternLoad, Scenarios)
          "name=@DIR@\ndata 40000000\n size=64 tmp=0 "
          "ffffffffffffffffffffffff3f221100ffffffffffffffffffffffffffffffff\n",
          {"load_data():1084 sscanf fail\n", "Warning: comment length < 4\n"}},
+        {"a '/' as second character does not start a comment",
+         {{"s.hex", "@40000000\n0/112233_44556677_8899aabb_ccddeeff\n"}},
+         {"s.hex"},
+         {},
+         "name=@DIR@\ndata 40000000\n size=16 tmp=0 ffeeddccbbaa9988776655443322110f\n",
+         {}},
         {"file kinds",
          {{"stub.bin", "whatever"}},
          {"stub.bin", "test", "p.HEX", "/nonexistent/none.hex", "missing.bin"},

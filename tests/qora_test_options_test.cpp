@@ -5,6 +5,7 @@
 #include <set>
 
 #include "qora_test_settings.h"
+#include "qora_utils.h"
 #include "test_util.h"
 
 namespace {
@@ -28,6 +29,13 @@ TEST_F(Options, UsageTextNamesAcceptedOptions)
 {
     std::string u = usage_text();
     EXPECT_EQ(u.rfind("./qora_player [options]\n", 0), 0u);
+    // The debug mask bits it names are the ones the player tests.
+    const std::pair<int, const char*> bits[] = {
+        {QORA_DEBUG_CMD, "cmd"}, {QORA_DEBUG_MEM, "mem"}, {QORA_DEBUG_PERF, "perf"}};
+    for (const auto& bit : bits) {
+        std::string text = "bit " + std::to_string(__builtin_ctz(bit.first)) + ": enable " + bit.second + " info\n";
+        EXPECT_NE(u.find(text), std::string::npos) << text;
+    }
     std::set<std::string> listed;
     for (size_t at = u.find("--"); at != std::string::npos; at = u.find("--", at + 2)) {
         size_t end = u.find_first_not_of("abcdefghijklmnopqrstuvwxyz_0123456789", at + 2);
