@@ -106,6 +106,8 @@ TEST_F(RunMode, OptionsReachTheMiddleware)
         {"a copy verifies", "", copy, 0, {"[I:BuildCmd:", "] Get pattern : run_OptionsReachTheMiddleware\n", "Verify pattern 1 times : success\n"},
          {"korvexCmd_run(cmd#1) = 0"}, {"SC_PARAM_CORE_AFFINITY", "SC_PARAM_BOOST_VALUE", "VLM"}},
         {"several loops", "", copy + "-l 3 -d 0", 0, {"Verify pattern 3 times : success\n"}, {"korvexCmd_run(cmd#3) = 0"}, {}},
+        {"a thread count below 1 plays one copy of a built-in pattern", "", "-f Test -t 0", 0, {"success"},
+         {"subcmd#1"}, {"subcmd#2"}},
         {"no golden", "", "-f " + dir + "/copy.hex -l 2", 0,
          {"no golden data\n", "Run pattern 2 times : done (doesn't compare golden)\n"}, {}, {}},
         {"loop 0 runs nothing", "", copy + "-l 0", 1, {}, {}, {"Run command"}},

@@ -77,6 +77,23 @@ TEST_F(Conversions, CommandLengthNeedsTheWholeName)
     }
 }
 
+// Past 8,192 data buffers the arrays are still written, the data table
+// stops at its last row.
+TEST_F(Conversions, DataTableEndsAtItsLimit)
+{
+    std::string text = "// Output\n// @40009000 {16}\n";
+    for (int i = 0; i < 8194; i++)
+        text += "@5" + std::to_string(i) + "\n" + line(i, 0, 0, 0) + "\n";
+    text += "// Code\n@0\n" + line(0, 0, 0, 0) + "\n// Binding\n// 4 @50\n";
+    write_file(dir + "/p.hex", text);
+    std::string out;
+    ASSERT_EQ(player("--gen big -f p.hex", &out), 0);
+    std::string h = read_file(dir + "/big.h");
+    EXPECT_NE(h.find("unsigned char big_58193[]"), std::string::npos);
+    EXPECT_NE(h.find("    {big_58191, \"58191\", sizeof(big_58191), 0, 0},\n    {NULL, NULL, 0, 0, 0}\n};\n"),
+              std::string::npos);
+}
+
 // The generated header compiles as C and C++ and holds the pattern.
 TEST_F(Conversions, GeneratedHeaderCompiles)
 {

@@ -3,6 +3,8 @@
 // its comment state across files on purpose.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <map>
 
 #include "qora_pattern_store.h"
@@ -149,6 +151,12 @@ TEST(PatternLoad, Scenarios)
          {},
          "name=@DIR@\ndata 40000000\n size=16 tmp=0 ffeeddccbbaa9988776655443322110f\n",
          {}},
+        {"'a/' starts no comment: '@' opens a data buffer",
+         {{"c.hex", "a/ Code\n@0\n00000000_00000000_00000000_00000001\n"}},
+         {"c.hex"},
+         {},
+         "name=@DIR@\ndata 0\n size=16 tmp=0 01000000000000000000000000000000\n",
+         {"Warning: No '@' keyword before data\n"}},
         {"file kinds",
          {{"stub.bin", "whatever"}},
          {"stub.bin", "test", "p.HEX", "/nonexistent/none.hex", "missing.bin"},
@@ -230,6 +238,13 @@ TEST(PatternLoad, LargeBuffersGrowAndKeepEveryLine)
 // longer names are cut there.
 TEST(PatternLoad, LongDirectoryNames)
 {
+    std::string top = make_tmp_dir("load_names");
+    ASSERT_EQ(system(("mkdir -p '" + top + "/d'").c_str()), 0);
+    write_file(top + "/d/p.hex", "// Output\n// @40000000 {16}\n");
+    isolated_result short_dir = run_isolated([&] {
+        return chdir(top.c_str()) == 0 ? load_and_describe({"d/p.hex"}, {}) : "no directory";
+    });
+    EXPECT_EQ(short_dir.result.substr(0, short_dir.result.find('\n')), "name=d"); // a one-character directory
     for (size_t n : {63, 64, 65, 100}) {
         std::string name(n, 'd');
         std::string dir = make_tmp_dir("load_names") + "/" + name;
