@@ -88,6 +88,7 @@ TEST_F(Firmware, SectionsMatchObjcopy)
                                 {{".qora_boot", 0x10000000, ".word 0x11111111, 0x22222222, 0x33333333"},
                                  {".text_a", 0x19000000, ".byte 1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17,18"},
                                  {".text_b", 0x19004000, ".word 0xdeadbeef, 1, 2, 3"},
+                                 {".text_c", 0x19005000, ".byte 7"},
                                  {".text_out", 0x18FFFFFC, ".word 7"},
                                  {".bss_in", 0x19008000, ".skip 64"}});
     int rc = -2;
@@ -102,6 +103,7 @@ TEST_F(Firmware, SectionsMatchObjcopy)
     EXPECT_EQ(array_bytes(h, "rv_boot"), objcopy_section(elf, ".text_a"));
     EXPECT_EQ(array_bytes(h, "rv_19000000"), objcopy_section(elf, ".text_a"));
     EXPECT_EQ(array_bytes(h, "rv_19004000"), objcopy_section(elf, ".text_b"));
+    EXPECT_EQ(array_bytes(h, "rv_19005000"), "\x07"); // a one-byte section
     EXPECT_EQ(h.find("rv_18fffffc"), std::string::npos);
     EXPECT_EQ(h.find("rv_19008000"), std::string::npos);
     EXPECT_NE(h.find("0x0f, 0x10,\n0x11, 0x12};\n"), std::string::npos); // 18 bytes: a full row, then two
@@ -109,7 +111,8 @@ TEST_F(Firmware, SectionsMatchObjcopy)
                      "0x00};\n"),
               std::string::npos); // 16 bytes: one row, "};" right after
     EXPECT_NE(h.find("} rv_main_section[] = {\n    {rv_19000000, sizeof(rv_19000000), 0x0},\n"
-                     "    {rv_19004000, sizeof(rv_19004000), 0x4000},\n    {NULL, 0, 0}\n};\n"),
+                     "    {rv_19004000, sizeof(rv_19004000), 0x4000},\n"
+                     "    {rv_19005000, sizeof(rv_19005000), 0x5000},\n    {NULL, 0, 0}\n};\n"),
               std::string::npos)
         << h;
     const std::string tail = "    {NULL, 0, 0}\n};\n"; // the header ends with the table

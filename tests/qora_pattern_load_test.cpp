@@ -157,6 +157,13 @@ TEST(PatternLoad, Scenarios)
          {},
          "name=@DIR@\ndata 0\n size=16 tmp=0 01000000000000000000000000000000\n",
          {"Warning: No '@' keyword before data\n"}},
+        {"a NUL second character ends the line's text: no data",
+         {{"n.hex", std::string("@40000000\n0\0" "112233_44556677_8899aabb_ccddeeff\n", 46) +
+                        "00000000_00000000_00000000_00000001\n"}},
+         {"n.hex"},
+         {},
+         "name=@DIR@\ndata 40000000\n size=16 tmp=0 01000000000000000000000000000000\n",
+         {}},
         {"file kinds",
          {{"stub.bin", "whatever"}},
          {"stub.bin", "test", "p.HEX", "/nonexistent/none.hex", "missing.bin"},

@@ -67,6 +67,7 @@ TEST_F(Options, ResultAndOutput)
         {{"-u", "2", "-h"}, 0, [] { return std::string(); }},
         {{"-u", "3", "-v"}, 0, [] { return std::string(kVersion); }},
         {{"-c", "-1", "-v"}, 0, [] { return std::string(kWarnCore) + kVersion; }},
+        {{"-c", "0", "-v"}, 0, [] { return std::string(kVersion); }},
         {{"-g", "gold.txt"}, 0, [] { return usage_text(); }},
         {{"-l", "3"}, 0, [] { return usage_text(); }},
     };
