@@ -119,6 +119,14 @@ TEST_F(Firmware, SectionsMatchObjcopy)
     EXPECT_EQ(h.compare(h.size() - std::min(h.size(), tail.size()), std::string::npos, tail), 0);
 }
 
+TEST_F(Firmware, NoBootSectionIsRefused)
+{
+    std::string elf = build_elf(dir, "noboot", {{".text_a", 0x19000000, ".word 1"}});
+    int rc = -2;
+    EXPECT_EQ(convert(elf, &rc), "no .qora_boot section in " + elf + "\n");
+    EXPECT_EQ(rc, -1);
+}
+
 TEST_F(Firmware, LargeSectionsAreCut)
 {
     std::string elf = build_elf(dir, "big", {{".qora_boot", 0x10000000, ".word 1"},
