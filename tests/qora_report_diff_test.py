@@ -1,0 +1,202 @@
+"""qora_report diff on dumps of real runs, its refusals, and its golden
+reader against the player's own loader."""
+import glob
+import json
+import os
+import random
+import subprocess
+
+import numpy as np
+import pytest
+
+from conftest import CORRUPTED_WORDS, report
+from qora_report.golden import GoldenError, read_text_golden
+
+DRIVER = os.environ.get("QORA_GOLDEN_DRIVER", "build/tests/qora_pattern_golden_driver")
+SOURCE = os.environ.get("QORA_SOURCE_DIR", ".")
+
+
+@pytest.fixture(scope="module")
+def dump(runs):
+    return os.path.join(runs["dir"], "output0_0.bin")
+
+
+def test_every_mismatch_of_a_failing_run(runs, dump, tmp_path):
+    status, out, err = report("diff", dump, runs["bad_golden"], "--shape", "6x6x16", "-o", str(tmp_path))
+    assert status == 1, err
+    listed = [int(line.split()[0]) for line in out.splitlines() if ": output = " in line]
+    assert listed == list(CORRUPTED_WORDS)  # all 20, where the player stops at 17
+    doc = json.loads((tmp_path / "diff.json").read_text())
+    assert (doc["words_compared"], doc["mismatching_words"], doc["first_word"], doc["last_word"]) == (144, 20, 3, 143)
+    assert doc["ranges"] == [[3, 5], [40, 41], [100, 111], [120, 121], [143, 143]]
+    assert doc["bit_flips"] == [20 if bit == 3 else 0 for bit in range(32)]
+    assert doc["byte_lanes"] == [20, 0, 0, 0]
+    pixels = np.zeros(36, int)
+    channels = np.zeros(16, int)
+    for w in CORRUPTED_WORDS:
+        pixels[4 * w // 16] += 1
+        channels[4 * w % 16] += 1
+    assert doc["shape"]["pixels"] == pixels.reshape(6, 6).tolist()
+    assert doc["shape"]["channels"] == channels.tolist()
+    for name in ("bits", "heatmap"):
+        assert (tmp_path / f"{name}.png").read_bytes()[:4] == b"\x89PNG"
+        assert (tmp_path / f"{name}.svg").stat().st_size > 0
+
+
+def test_the_right_golden_matches(runs, dump):
+    status, out, _ = report("diff", dump, os.path.join(runs["demo"], "golden.hex"))
+    assert status == 0 and "mismatching words: 0" in out
+
+
+def test_binary_golden_bits_lanes_and_masked_nibbles(dump, tmp_path):
+    words = np.fromfile(dump, "<u4")
+    gold = words.copy()
+    gold[7] ^= 0x80000000           # bit 31, lane 3
+    gold[9] ^= 0x00010001           # bits 0 and 16, lanes 0 and 2
+    gold.tofile(str(tmp_path / "g.bin"))
+    status, out, _ = report("diff", dump, str(tmp_path / "g.bin"), "-o", str(tmp_path))
+    doc = json.loads((tmp_path / "diff.json").read_text())
+    assert status == 1 and doc["mismatching_words"] == 2 and doc["ranges"] == [[7, 7], [9, 9]]
+    flips = [0] * 32
+    flips[31] = flips[0] = flips[16] = 1
+    assert doc["bit_flips"] == flips and doc["byte_lanes"] == [1, 0, 1, 1]
+    set_bits = [((int(words[7]) >> b) & 1) * (b == 31) + ((int(words[9]) >> b) & 1) * (b in (0, 16))
+                for b in range(32)]
+    assert doc["bits_set_in_output"] == set_bits
+    # A shorter golden compares its own length, as the player does.
+    gold[:8].tofile(str(tmp_path / "short.bin"))
+    status, out, _ = report("diff", dump, str(tmp_path / "short.bin"))
+    assert status == 1 and "compared 8 words" in out and "mismatching words: 1" in out
+    # The same difference under an 'x' nibble of a text golden is not compared.
+    rows = gold.view(np.uint8).reshape(-1, 16)[:, ::-1]
+    lines = ["_".join(row[i:i + 4].tobytes().hex() for i in range(0, 16, 4)) for row in rows]
+    lines[1] = "x" + lines[1][1:]       # high nibble of byte 15 of line 1: word 7's bit 31
+    (tmp_path / "g.hex").write_text("@40009000\n" + "\n".join(lines) + "\n")
+    status, out, _ = report("diff", dump, str(tmp_path / "g.hex"))
+    assert status == 1 and "mismatching words: 1" in out and "first: word 9" in out
+
+
+@pytest.mark.parametrize("args,message", [
+    (["missing.bin", "{golden}"], "missing.bin: no such file"),
+    (["{dump}", "missing.hex"], "missing.hex: no such file"),
+    (["{dump}", "{dir}/g.txt"], "ends in .hex or .bin"),
+    (["{dump}", "{dir}/long.bin"], "is longer than"),
+    (["{dump}", "{golden}", "--shape", "6x6x17"], "shape 6x6x17 needs 612 bytes"),
+    (["{dump}", "{golden}", "--shape", "6x6"], "is not HxWxC"),
+    (["{dump}", "{golden}", "--shape", "0x6x6"], "has an empty side"),
+    (["{dump}", "{golden}", "--region", "1"], "region 1 asked, the golden has 1"),
+    (["{dump}", "{dir}/wide.hex"], "len >= 120"),
+    (["{dump}", "{dir}/empty.hex"], "no region"),
+    (["{dump}", "{golden}", "-o", "{dump}/x"], "Not a directory"),
+])
+def test_diff_refuses_bad_input(runs, dump, tmp_path, args, message):
+    (tmp_path / "g.txt").write_text("")
+    (tmp_path / "long.bin").write_bytes(b"\0" * (os.path.getsize(dump) + 4))
+    (tmp_path / "wide.hex").write_text("@40009000\n" + "0" * 130 + "\n")
+    (tmp_path / "empty.hex").write_text("// nothing\n")
+    values = {"dump": dump, "golden": runs["bad_golden"], "dir": str(tmp_path)}
+    status, out, err = report("diff", *(a.format(**values) for a in args))
+    assert status == 2 and message in err and "Traceback" not in err
+
+
+@pytest.mark.parametrize("args,message", [
+    (["summary", "missing.log"], "missing.log: No such file or directory"),
+    (["summary", "{empty}"], "empty file"),
+    (["plot", "{empty}", "-o", "{empty}/charts"], "Not a directory"),
+    (["summary"], "the following arguments are required"),
+    (["frobnicate"], "invalid choice"),
+])
+def test_commands_refuse_bad_input(tmp_path, args, message):
+    (tmp_path / "empty.log").write_text("")
+    status, out, err = report(*(a.format(empty=str(tmp_path / "empty.log")) for a in args))
+    assert status == 2 and message in err and "Traceback" not in err
+
+
+# The golden reader against the player's loader: the pattern the golden
+# fuzz target loads goldens against, its corpus, and generated goldens.
+OUTPUTS = {"40009000": 64, "4000A000": 20, "40000000": 4096}
+PATTERN = "// Output\n" + "".join(f"// @{name} {{{size}}}\n" for name, size in OUTPUTS.items())
+
+
+def length_of(name):
+    """The player's rule: the first output, in address order, whose name
+    begins with the region's name."""
+    for output in sorted(OUTPUTS, key=str.lower):
+        if output.startswith(name):
+            return OUTPUTS[output]
+    return 0
+
+
+def reader_view(path, fast):
+    try:
+        regions = read_text_golden(path, length_of, fast)
+    except GoldenError:
+        regions = []
+    lines = [f"{r.length} {r.data.tobytes().hex()} {r.mask.tobytes().hex()}" for r in regions] or ["fail"]
+    names = [r.name.lower() for r in regions]
+    return lines, len(set(names)) < len(names)
+
+
+def player_view(tmp, golden):
+    subprocess.run([DRIVER, str(tmp / "p.hex"), golden, str(tmp / "r.txt")], check=True,
+                   stdout=subprocess.DEVNULL)
+    return (tmp / "r.txt").read_text().splitlines()
+
+
+def generated_goldens(count, seed=17):
+    """Goldens mixing what real files hold with what the loader must survive."""
+    rnd = random.Random(seed)
+
+    def data_line(wide):
+        groups = ["".join(rnd.choice("0123456789abcdefABCDEF") for _ in range(8)) for _ in range(4)]
+        line = "_".join(groups)
+        kind = rnd.randrange(12)
+        if kind == 0:
+            line = line[:5] + "x" + line[6:]
+        elif kind == 1:
+            line = line[:rnd.randrange(8, 34)]
+        elif kind == 2:
+            line = line.replace("_", " ", 1)
+        elif kind == 3:
+            line += " trailing text"
+        elif kind == 4:
+            line += "\r"
+        elif kind == 5:
+            line = line[:3] + "\0" + line[4:]
+        elif kind == 6:
+            line = line[:10] + "g" + line[11:]
+        elif kind == 7 and wide:
+            line = line * 4
+        return line
+
+    names = ["40009000", "4000A000", "4000", "40000000", " 4000"] * 4 + ["4000a000", "@", "   "]
+    for _ in range(count):
+        lines = []
+        wide = rnd.random() < 0.1
+        for _ in range(rnd.randrange(1, 5)):
+            lines.append("@" + rnd.choice(names))
+            lines += [rnd.choice(["// comment", "short"]) if rnd.random() < 0.05 else data_line(wide)
+                      for _ in range(rnd.randrange(0, 300))]
+        yield ("\n".join(lines) + rnd.choice(["\n", ""])).encode("latin-1")
+
+
+def test_reader_agrees_with_the_players_loader(tmp_path):
+    (tmp_path / "p.hex").write_text(PATTERN)
+    corpus = sorted(glob.glob(os.path.join(SOURCE, "fuzz/corpus/qora_pattern_golden_fuzz/*")))
+    inputs = [data[1:] for data in (open(f, "rb").read() for f in corpus) if data and not data[0] & 1]
+    assert len(inputs) > 100
+    inputs += list(generated_goldens(60))
+    golden = str(tmp_path / "g.hex")
+    outcomes = set()
+    for data in inputs:
+        with open(golden, "wb") as f:
+            f.write(data)
+        player = player_view(tmp_path, golden)
+        for fast in (True, False):
+            lines, equal_names = reader_view(golden, fast)
+            # Regions of equal names may come in either order from the player's sort.
+            if equal_names:
+                lines, player = sorted(lines), sorted(player)
+            assert lines == player, data[:200]
+        outcomes.add("fail" if player == ["fail"] else "loaded")
+    assert outcomes == {"fail", "loaded"}

@@ -1,0 +1,129 @@
+"""qora_report summary and plot on logs of real runs on the engine model."""
+import json
+import os
+import xml.etree.ElementTree as ET
+
+import pytest
+from junitparser import Error, Failure, JUnitXml, Skipped
+
+from conftest import report
+from qora_report.runlog import parse_log
+
+
+# log, verdict, exit status, loops, sub-commands per loop, PMU mode, events
+CASES = [
+    ("pass", "pass", 0, 3, 1, "normal", ["0x1708", "0x1709"]),
+    ("flusher", "pass", 0, 2, 1, "flusher", ["0x1708"]),
+    ("two_code", "pass", 0, 2, 2, None, []),
+    ("fail", "fail", 1, 1, 1, None, []),
+    ("no_golden", "not_compared", 0, 2, 0, None, []),
+]
+
+
+@pytest.mark.parametrize("name,verdict,status,loops,subs,mode,events", CASES)
+def test_logs_of_real_runs(runs, name, verdict, status, loops, subs, mode, events):
+    log = parse_log(runs["logs"][name])
+    assert (log["verdict"], log["exit_status"], len(log["loops"])) == (verdict, status, loops)
+    assert all(len(loop["subcommands"]) == subs for loop in log["loops"])
+    assert log["settings"]["pmu_events"] == events
+    if mode:
+        assert all(s["pmu"]["mode"] == mode for loop in log["loops"] for s in loop["subcommands"])
+    if verdict in ("pass", "not_compared"):
+        assert log["loops_reported"] == loops
+        assert all(loop["verdict"] == verdict for loop in log["loops"])
+
+
+def test_details_of_a_debug_7_run(runs):
+    log = parse_log(runs["logs"]["two_code"])
+    assert log["pattern"] == "conv2d_uint8"
+    assert log["settings"]["core_mask"] == 3 and "priority" not in log["settings"]
+    assert len(log["settings"]["buffers"]) == 3 and log["settings"]["relocations"] > 0
+    sub = log["loops"][1]["subcommands"][1]
+    assert set(sub) >= {"execute_us", "prepare_us", "waiting_us", "blocked_us", "post_proc_us",
+                        "bandwidth_mbps", "driver_us", "ip_us", "core"}
+    assert sub["execute_us"] > 0 and sub["bandwidth_mbps"] > 0
+
+
+def test_flusher_flows_and_normal_counts(runs):
+    normal = parse_log(runs["logs"]["pass"])["loops"][0]["subcommands"][0]["pmu"]
+    assert normal["counts"]["0x1708"] > 0 and normal["counts"]["0x1709"] == 0
+    flusher = parse_log(runs["logs"]["flusher"])["loops"][0]["subcommands"][0]["pmu"]
+    assert flusher["flows"] and flusher["flows"][0]["counts"]["0x1708"] > 0
+    assert flusher["ip_time_us"] > 0 and flusher["burst_mode"] == 2
+
+
+def test_failing_run_keeps_its_mismatches_and_dumps(runs):
+    log = parse_log(runs["logs"]["fail"])
+    loop = log["loops"][0]
+    mismatches = loop["outputs"][0]["mismatches"]
+    assert len(mismatches) == 17  # the player stops listing after 17
+    assert [m["word"] for m in mismatches] == [3, 4, 5, 40, 41, 100, 101, 102, 103, 104, 105, 106, 107, 108,
+                                               109, 110, 111]
+    assert all(m["output"] ^ m["golden"] == 0x08 and m["mask"] == 0xFFFFFFFF for m in mismatches)
+    assert loop["dumps"] == ["output0_0.bin"]
+    assert any("Compare golden Fail" in m for m in loop["messages"])
+
+
+def test_killed_run_is_incomplete(runs):
+    log = parse_log(runs["logs"]["killed"])
+    assert (log["verdict"], log["exit_status"]) == ("incomplete", None)
+    assert log["loops"][-1]["verdict"] == "incomplete"
+    assert all(loop["verdict"] == "pass" for loop in log["loops"][:-1])
+
+
+@pytest.mark.parametrize("text,verdict,loops", [
+    # Progress bars and foreign lines around the player's lines.
+    ("\r[#    ][2%]\r[##   ][4%]\nboot: eth0 up\n[I:BuildCmd:31] Get pattern : p\n"
+     "[I:RunCmd:399] Run command\nkernel: noise\n[I:Execute:64] Verify pattern 1 times : success\n", "pass", 1),
+    # The one message without a line feed runs into the next one.
+    ("[I:BuildCmd:31] Get pattern : p\n[E:RunCmd:330] Create korvex command FAIL![W:Execute:9] x\n", "error", 0),
+    ("[I:RunCmd:399] Run command\n[E:RunCmd:410] Command Fail!! (-5)\n", "error", 1),
+    ("[I:BuildCmd:31] Get pattern : p\n[E:AllocDataMem:96] alloc 40000000 FAIL\n", "error", 0),
+    ("[I:BuildCmd:31] Get pattern : p\n[I:RunCmd:399] Run comm", "incomplete", 1),
+    ("open file(missing.hex) \\n", "error", 0),
+])
+def test_log_shapes(tmp_path, text, verdict, loops):
+    path = tmp_path / "board.log"
+    path.write_text(text)
+    log = parse_log(str(path))
+    assert (log["verdict"], len(log["loops"])) == (verdict, loops)
+
+
+def test_summary_json_and_junit(runs, tmp_path):
+    garbage = tmp_path / "garbage.log"
+    garbage.write_bytes(b"\x00\xff not a log at all\n")
+    logs = [runs["logs"][n] for n in ("pass", "fail", "killed", "no_golden")] + [str(garbage)]
+    status, out, err = report("summary", *logs, "--json", str(tmp_path / "s.json"),
+                              "--junit", str(tmp_path / "s.xml"))
+    assert status == 2 and "garbage.log: no line of the player in it" in err and "Traceback" not in err
+    doc = json.loads((tmp_path / "s.json").read_text())
+    assert doc["schema"] == "qora_report.summary/1"
+    assert [log["status"] for log in doc["logs"]] == ["complete", "complete", "incomplete", "complete",
+                                                      "unreadable"]
+    suites = {s.name: s for s in JUnitXml.fromfile(str(tmp_path / "s.xml"))}
+    assert (suites["pass"].tests, suites["pass"].failures, suites["pass"].errors) == (3, 0, 0)
+    assert (suites["fail"].tests, suites["fail"].failures) == (1, 1)
+    failure = next(iter(suites["fail"])).result[0]
+    assert isinstance(failure, Failure) and "word 111: output" in failure.text
+    assert isinstance(list(suites["killed"])[-1].result[0], Error)
+    assert all(isinstance(c.result[0], Skipped) for c in suites["no_golden"])
+    assert isinstance(next(iter(suites["garbage"])).result[0], Error)
+    assert "pass" in out and "conv2d_uint8" in out
+
+
+def test_summary_status_of_readable_logs(runs):
+    assert report("summary", runs["logs"]["pass"], runs["logs"]["no_golden"])[0] == 0
+    assert report("summary", runs["logs"]["pass"], runs["logs"]["fail"])[0] == 1
+
+
+def test_plot_writes_charts_per_board(runs, tmp_path):
+    out = tmp_path / "charts"
+    status, stdout, err = report("plot", runs["logs"]["pass"], runs["logs"]["flusher"], runs["logs"]["two_code"],
+                                 "-o", str(out))
+    assert status == 0, err
+    for name in ("timings", "loop_times", "pmu"):
+        assert (out / f"{name}.png").read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"
+        svg = ET.parse(str(out / f"{name}.svg")).getroot()
+        assert svg.tag.endswith("svg")
+    assert "two_code" in (out / "timings.svg").read_text()
+    assert sorted(os.listdir(out)) == sorted(os.path.basename(p) for p in stdout.split())

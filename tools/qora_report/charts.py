@@ -1,0 +1,113 @@
+"""Charts of runs and comparisons, each written as PNG and SVG.
+
+Contract: every function writes `<dir>/<name>.png` and `<dir>/<name>.svg`
+and returns the names it wrote; logs are drawn one line per board so boards
+compare, with units on every axis.
+"""
+import os
+
+import matplotlib
+
+matplotlib.use("Agg")
+import matplotlib.pyplot as plt  # noqa: E402  (the backend is chosen first)
+import numpy as np  # noqa: E402
+
+from .summary import loop_pmu_counts, loop_totals  # noqa: E402
+
+TIMES = (("execute_us", "execute time [us]"), ("ip_us", "IP time [us]"),
+         ("driver_us", "driver time [us]"), ("bandwidth_mbps", "bandwidth [MB/s]"))
+
+
+def _save(fig, out_dir, name):
+    for ext in ("png", "svg"):
+        fig.savefig(os.path.join(out_dir, f"{name}.{ext}"), dpi=120)
+    plt.close(fig)
+    return [f"{name}.png", f"{name}.svg"]
+
+
+def _logs(summary):
+    return [log for log in summary["logs"] if log["status"] != "unreadable" and log["loops"]]
+
+
+def timings(summary, out_dir):
+    fig, axes = plt.subplots(len(TIMES), 1, sharex=True, figsize=(9, 10))
+    for log in _logs(summary):
+        totals = [loop_totals(loop) for loop in log["loops"]]
+        for ax, (field, _) in zip(axes, TIMES):
+            ax.plot([t[field] if t[field] is not None else np.nan for t in totals],
+                    marker=".", label=log["board"])
+    for ax, (_, label) in zip(axes, TIMES):
+        ax.set_ylabel(label)
+        ax.grid(alpha=0.3)
+    axes[0].set_title("Per loop (times summed over sub-commands, bandwidth averaged)")
+    axes[0].legend(fontsize="small")
+    axes[-1].set_xlabel("loop")
+    return _save(fig, out_dir, "timings")
+
+
+def loop_histogram(summary, out_dir):
+    fig, ax = plt.subplots(figsize=(8, 5))
+    for log in _logs(summary):
+        times = [t for t in (loop_totals(loop)["execute_us"] for loop in log["loops"]) if t is not None]
+        if times:
+            ax.hist(times, bins=min(50, max(5, len(set(times)))), histtype="step", label=log["board"])
+    ax.set_xlabel("execute time per loop [us]")
+    ax.set_ylabel("loops")
+    ax.set_title("Loop times")
+    ax.legend(fontsize="small")
+    return _save(fig, out_dir, "loop_times")
+
+
+def pmu(summary, out_dir):
+    fig, ax = plt.subplots(figsize=(9, 5))
+    drawn = False
+    for log in _logs(summary):
+        per_loop = [loop_pmu_counts(loop) for loop in log["loops"]]
+        for event in sorted({e for counts in per_loop for e in counts}):
+            ax.plot([counts.get(event, np.nan) for counts in per_loop], marker=".",
+                    label=f"{log['board']} {event}")
+            drawn = True
+    if not drawn:
+        plt.close(fig)
+        return []
+    ax.set_xlabel("loop")
+    ax.set_ylabel("count (summed over sub-commands and flows)")
+    ax.set_title("PMU event counts")
+    ax.legend(fontsize="small")
+    return _save(fig, out_dir, "pmu")
+
+
+def bits(result, out_dir):
+    fig, (ax_bits, ax_lanes) = plt.subplots(1, 2, figsize=(12, 4.5), gridspec_kw={"width_ratios": [4, 1]})
+    positions = np.arange(32)
+    to_one = result.bit_set
+    ax_bits.bar(positions, to_one, label="output bit 1 (golden 0)")
+    ax_bits.bar(positions, result.bit_flips - to_one, bottom=to_one, label="output bit 0 (golden 1)")
+    ax_bits.set_xlabel("bit position in the 32-bit word")
+    ax_bits.set_ylabel("mismatching words")
+    ax_bits.set_xticks(range(0, 32, 4))
+    ax_bits.set_title("Bits that differ (a bar in one colour only hints at a stuck bit)")
+    ax_bits.legend(fontsize="small")
+    ax_lanes.bar(np.arange(4), result.lanes)
+    ax_lanes.set_xlabel("byte lane")
+    ax_lanes.set_ylabel("mismatching words")
+    ax_lanes.set_xticks(range(4))
+    ax_lanes.set_title("Byte lanes")
+    fig.tight_layout()
+    return _save(fig, out_dir, "bits")
+
+
+def heatmap(result, out_dir):
+    shape = result.shape
+    fig, (ax_map, ax_ch) = plt.subplots(1, 2, figsize=(12, 5), gridspec_kw={"width_ratios": [3, 2]})
+    image = ax_map.imshow(result.pixels.reshape(shape.h, shape.w), cmap="magma", interpolation="nearest")
+    fig.colorbar(image, ax=ax_map, label="mismatching bytes (all channels)")
+    ax_map.set_xlabel("W")
+    ax_map.set_ylabel("H")
+    ax_map.set_title(f"Mismatches over {shape}")
+    ax_ch.bar(np.arange(shape.c), result.channels)
+    ax_ch.set_xlabel("channel")
+    ax_ch.set_ylabel("mismatching bytes")
+    ax_ch.set_title("Per channel")
+    fig.tight_layout()
+    return _save(fig, out_dir, "heatmap")

@@ -1,0 +1,156 @@
+"""The whole comparison of an output dump with its golden.
+
+Contract: `compare` finds every 32-bit word the player would count as a
+mismatch (output and golden differ under the golden's mask, over the
+shorter of the two, trailing bytes of a partial word not compared) and
+returns their counts, places, ranges, the bits and byte lanes that differ,
+and with a shape H x W x C the mismatching bytes per pixel and channel.
+Both files are read in chunks, so memory stays small beside the golden.
+"""
+import os
+
+import numpy as np
+
+from .golden import GoldenError, read_text_golden
+
+CHUNK_WORDS = 4 << 20  # 16 MiB of each file at a time
+
+
+class CompareError(Exception):
+    """Input the comparison cannot use; the text says why."""
+
+
+class Shape:
+    """An output laid out as H x W x C bytes, channel fastest."""
+
+    def __init__(self, text):
+        try:
+            self.h, self.w, self.c = (int(v) for v in text.lower().split("x"))
+        except ValueError:
+            raise CompareError(f"shape {text!r} is not HxWxC (for example 6x6x8)") from None
+        if min(self.h, self.w, self.c) < 1:
+            raise CompareError(f"shape {text!r} has an empty side")
+        self.bytes = self.h * self.w * self.c
+
+    def __str__(self):
+        return f"{self.h}x{self.w}x{self.c}"
+
+
+class Result:
+    """What the comparison found; the arrays count over mismatching words."""
+
+    def __init__(self, shape):
+        self.words = 0
+        self.mismatches = 0
+        self.ranges = []               # [first, last] word index, inclusive
+        self.bit_flips = np.zeros(32, np.int64)
+        self.bit_set = np.zeros(32, np.int64)    # flipped bits the output has set
+        self.lanes = np.zeros(4, np.int64)
+        self.shape = shape
+        if shape:
+            self.pixels = np.zeros(shape.h * shape.w, np.int64)
+            self.channels = np.zeros(shape.c, np.int64)
+
+    def first(self):
+        return self.ranges[0][0] if self.ranges else None
+
+    def last(self):
+        return self.ranges[-1][1] if self.ranges else None
+
+    def add_ranges(self, index):
+        breaks = np.flatnonzero(np.diff(index) != 1)
+        starts = np.concatenate(([index[0]], index[breaks + 1]))
+        ends = np.concatenate((index[breaks], [index[-1]]))
+        pairs = np.stack((starts, ends), axis=1).tolist()
+        if self.ranges and self.ranges[-1][1] + 1 == pairs[0][0]:
+            self.ranges[-1][1] = pairs.pop(0)[1]
+        self.ranges.extend(pairs)
+
+    def add(self, base, out, gold, mask, listing):
+        diff = out ^ gold
+        if mask is not None:
+            diff &= mask
+        bad = np.flatnonzero(diff)
+        if len(bad) == 0:
+            return
+        index = bad + base
+        flipped, got = diff[bad], out[bad]
+        self.mismatches += len(bad)
+        self.add_ranges(index)
+        for bit in range(32):
+            on = (flipped >> np.uint32(bit)) & np.uint32(1)
+            self.bit_flips[bit] += int(on.sum())
+            self.bit_set[bit] += int((on & (got >> np.uint32(bit))).sum())
+        for lane in range(4):
+            self.lanes[lane] += int(np.count_nonzero((flipped >> np.uint32(8 * lane)) & np.uint32(0xFF)))
+        if self.shape:
+            self.add_pixels(base, diff)
+        if listing:
+            listing(index, got, gold[bad], np.full(len(bad), 0xFFFFFFFF, np.uint32) if mask is None
+                    else mask[bad])
+
+    def add_pixels(self, base, diff):
+        byte = np.flatnonzero(diff.view(np.uint8)) + 4 * base
+        byte = byte[byte < self.shape.bytes]
+        self.pixels += np.bincount(byte // self.shape.c, minlength=len(self.pixels))
+        self.channels += np.bincount(byte % self.shape.c, minlength=self.shape.c)
+
+
+def _golden_region(golden, dump_size, region):
+    """The text golden's region to compare, read with every region as long
+    as the dump (the output the player would size it by)."""
+    try:
+        regions = read_text_golden(golden, lambda name: dump_size)
+    except GoldenError as e:
+        raise CompareError(f"{golden}: the player would not load it: {e}") from None
+    if not regions:
+        raise CompareError(f"{golden}: no region ('@' line) in the golden")
+    if region >= len(regions):
+        raise CompareError(f"{golden}: region {region} asked, the golden has {len(regions)}")
+    return regions[region]
+
+
+def golden_kind(path):
+    """'hex' or 'bin' as the player decides it: by the name's last four characters."""
+    for kind in ("hex", "bin"):
+        if path.endswith("." + kind):
+            return kind
+    raise CompareError(f"{path}: a golden's name ends in .hex or .bin (the player: \"Golden file type: Fail\")")
+
+
+def compare(dump, golden, region=0, shape=None, listing=None):
+    """Compares the dump with the golden; `listing(index, out, gold, mask)`
+    receives every mismatching word, chunk by chunk, in order."""
+    kind = golden_kind(golden)
+    for path in (dump, golden):
+        if not os.path.isfile(path):
+            raise CompareError(f"{path}: no such file")
+    dump_size = os.path.getsize(dump)
+    if shape and shape.bytes > dump_size:
+        raise CompareError(f"shape {shape} needs {shape.bytes} bytes, {dump} holds {dump_size}")
+    if kind == "bin":
+        gold_size = os.path.getsize(golden)
+        if gold_size > dump_size:
+            raise CompareError(f"{golden} ({gold_size} bytes) is longer than {dump} ({dump_size} bytes): "
+                               "the player refuses a binary golden longer than its output")
+        text = None
+    else:
+        text = _golden_region(golden, dump_size, region)
+        gold_size = text.length
+    result = Result(shape)
+    result.words = min(dump_size, gold_size) // 4
+    result.dump_size, result.golden_size = dump_size, gold_size
+    with open(dump, "rb") as out_f, open(golden, "rb") as gold_f:
+        for base in range(0, result.words, CHUNK_WORDS):
+            count = min(CHUNK_WORDS, result.words - base)
+            raw = out_f.read(4 * count)
+            if text is None:
+                gold_raw = gold_f.read(4 * count)
+                if raw == gold_raw:
+                    continue  # the usual case, at the speed of memcmp
+                gold, mask = np.frombuffer(gold_raw, "<u4"), None
+            else:
+                gold = text.data[4 * base:4 * (base + count)].view("<u4")
+                mask = text.mask[4 * base:4 * (base + count)].view("<u4")
+            result.add(base, np.frombuffer(raw, "<u4"), gold, mask, listing)
+    return result

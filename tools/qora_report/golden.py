@@ -1,0 +1,230 @@
+"""Golden files, read exactly as the player reads them.
+
+Contract: `read_text_golden` gives, for every region of a text golden, the
+name, length, data and mask bytes the player's loader gives (bytes no data
+line reached read as 0 and are not compared), in the player's region order,
+or raises GoldenError with the message the player prints when its load
+fails. Lengths come from `length_of(name)`, which stands for the player's
+output list (0: no output of that name). Well-formed runs of lines are
+decoded with numpy; any other line is read the way the player's line scan
+reads it, one line at a time.
+"""
+import binascii
+
+import numpy as np
+
+LINE_BUF = 120          # the player reads text through a 120-byte buffer
+PIECE = LINE_BUF - 1    # so a line is read in pieces of at most 119 bytes
+CHUNK = 32 << 20        # bytes read at a time
+WHITE = b" \t\n\v\f\r"  # what the line scan skips and stops tokens at
+LONG_LINE = "a data line fills the 120-byte line buffer (the player: \"Warning : len >= 120\")"
+
+# Per character: its nibble in bits 0-3, bit 4 when it is compared, bit 7
+# when it cannot be inside a token. 'x' reads as 0 and is not compared; any
+# other non-hex character reads as 15.
+_CODE = np.zeros(256, np.uint8)
+for _c in range(256):
+    _ch = chr(_c)
+    _nib = int(_ch, 16) if _ch in "0123456789abcdefABCDEF" else 15
+    _CODE[_c] = 0 if _ch == "x" else _nib | 0x10
+    if _c == 0 or bytes([_c]) in WHITE:
+        _CODE[_c] |= 0x80
+# Columns of the 32 token characters in "aabbccdd_eeffgghh_iijjkkll_mmnnoopp".
+_DIGITS = np.array([g * 9 + i for g in range(4) for i in range(8)])
+
+
+class GoldenError(Exception):
+    """A golden the player would not load; the text is the player's message."""
+
+
+class Region:
+    """One region of a golden: its bytes as the comparison sees them."""
+
+    def __init__(self, name, length):
+        self.name = name
+        self.length = length
+        self.data = np.zeros(length, np.uint8)
+        self.mask = np.zeros(length, np.uint8)
+        self.filled = 0  # bytes the data lines reached so far
+
+    def take(self, count):
+        """Bytes the next `count` lines add: whole lines, then what is left."""
+        room = self.length - self.filled
+        return min(count, room // 16), room % 16
+
+    def store(self, data, mask):
+        """Appends decoded lines (rows of 16 bytes in memory order)."""
+        whole, rest = self.take(len(data))
+        end = self.filled + 16 * whole
+        self.data[self.filled:end] = data[:whole].reshape(-1)
+        self.mask[self.filled:end] = 0xFF if mask is None else mask[:whole].reshape(-1)
+        self.filled = end
+        if whole < len(data) and rest:
+            self.data[end:end + rest] = data[whole, :rest]
+            self.mask[end:end + rest] = 0xFF if mask is None else mask[whole, :rest]
+            self.filled += rest
+
+
+def scan_tokens(text):
+    """The tokens the sixteen-token line scan reads from `text` (at most 16)."""
+    tokens, i, n = [], 0, len(text)
+    for t in range(16):
+        if t in (4, 8, 12):
+            if i >= n or text[i] != 0x5F:  # '_' must follow every fourth token
+                break
+            i += 1
+        while i < n and text[i] in WHITE:
+            i += 1
+        j = i
+        while j < n and j - i < 2 and text[j] not in WHITE:
+            j += 1
+        if j == i:
+            break
+        tokens.append(text[i:j])
+        i = j
+    return tokens
+
+
+def decode_line(text):
+    """Data and mask bytes (memory order) of one line, as the scan reads it.
+    Tokens the scan does not fill read as empty: nibbles 15, compared."""
+    codes = np.full(32, _CODE[0], np.uint8)
+    for t, token in enumerate(scan_tokens(text)):
+        for k, c in enumerate(token):
+            codes[2 * t + k] = _CODE[c]
+    return _bytes_of(codes.reshape(1, 32))
+
+
+def _bytes_of(codes):
+    """Rows of 32 character codes to rows of 16 data and mask bytes, last
+    token first; mask None when every nibble is compared."""
+    hi, lo = codes[:, 0::2], codes[:, 1::2]
+    data = ((hi << 4) | (lo & 0x0F))[:, ::-1]
+    if codes.size == 0 or (codes & 0x10).all():
+        return data, None
+    mask = (np.where(hi & 0x10, 0xF0, 0) | np.where(lo & 0x10, 0x0F, 0)).astype(np.uint8)
+    return data, mask[:, ::-1]
+
+
+def _decode_rows(rows, raw):
+    """Decodes a run of equal-length lines (`rows`, k x L, L >= 36; `raw`
+    their bytes when L is 36). None when a line is not plainly laid out."""
+    if not ((rows[:, 8] == 0x5F) & (rows[:, 17] == 0x5F) & (rows[:, 26] == 0x5F)).all():
+        return None
+    if raw is not None:
+        digits = raw.translate(None, b"_\n")
+        if len(digits) == 32 * len(rows):
+            try:
+                spelled = np.frombuffer(binascii.unhexlify(digits), np.uint8)
+                return spelled.reshape(-1, 16)[:, ::-1], None
+            except binascii.Error:
+                pass  # 'x' nibbles or other characters: the table below
+    codes = _CODE[rows[:, _DIGITS]]
+    if codes.max() & 0x80:
+        return None
+    return _bytes_of(codes)
+
+
+class _TextReader:
+    """The loader's walk over the lines of a text golden."""
+
+    def __init__(self, length_of, fast):
+        self.length_of = length_of
+        self.fast = fast
+        self.regions = []
+        self.region = None
+
+    def piece(self, piece):
+        """One piece of at most 119 bytes, as the loader handles it."""
+        text = piece.split(b"\0", 1)[0]
+        if len(text) < 8 or piece[0] == 0x2F:  # short, or a '/' comment
+            return
+        if piece[0] == 0x40:  # '@'
+            self.open(text)
+        elif self.region is not None:
+            if len(text) >= PIECE:
+                raise GoldenError(LONG_LINE)
+            data, mask = decode_line(text)
+            self.region.store(data, mask)
+
+    def open(self, text):
+        i = 1
+        while i < len(text) and text[i] in WHITE:
+            i += 1
+        j = i
+        while j < len(text) and j - i < 9 and text[j] not in WHITE:
+            j += 1
+        if j == i:
+            raise GoldenError("a region line has no name (the player: \"sscanf fail\")")
+        name = text[i:j].decode("latin-1")
+        length = self.length_of(name)
+        if length == 0:
+            raise GoldenError(f"region {name} names no output (the player: \"get invalid out sz\")")
+        self.region = Region(name, length)
+        self.regions.append(self.region)
+
+    def pieces(self, buf):
+        """The slow path: every piece of `buf`, one at a time."""
+        pos, n = 0, len(buf)
+        while pos < n:
+            nl = buf.find(b"\n", pos, pos + PIECE)
+            end = nl + 1 if nl >= 0 else min(pos + PIECE, n)
+            self.piece(buf[pos:end])
+            pos = end
+
+    def chunk(self, buf):
+        """Whole lines of the file (`buf` ends with a line feed)."""
+        a = np.frombuffer(buf, np.uint8)
+        ends = np.flatnonzero(a == 0x0A) + 1
+        starts = np.concatenate(([0], ends[:-1]))
+        lens = ends - starts
+        if not self.fast or lens.max() > PIECE or not a.all():
+            self.pieces(buf)  # long lines or NUL bytes: the slow path
+            return
+        first = a[starts]
+        data_line = (lens >= 8) & (first != 0x2F) & (first != 0x40)
+        # Runs of data lines of one length decode together; anything else
+        # (the '@' lines that open regions among them) goes line by line.
+        key = np.where(data_line & (lens >= 36), lens, -np.arange(1, len(lens) + 1))
+        run_starts = np.flatnonzero(np.concatenate(([True], key[1:] != key[:-1])))
+        run_ends = np.concatenate((run_starts[1:], [len(lens)]))
+        for r0, r1 in zip(run_starts.tolist(), run_ends.tolist()):
+            if key[r0] < 0 or self.region is None:
+                for i in range(r0, r1):
+                    self.piece(buf[starts[i]:ends[i]])
+                continue
+            self.run(buf, a, starts[r0], int(lens[r0]), r1 - r0)
+
+    def run(self, buf, a, start, length, count):
+        end = start + length * count
+        if length >= PIECE:
+            raise GoldenError(LONG_LINE)
+        if self.region.take(count) == (0, 0):
+            return  # past the region's end: the lines add nothing
+        rows = a[start:end].reshape(count, length)
+        decoded = _decode_rows(rows, buf[start:end] if length == 36 else None)
+        if decoded is None:
+            for i in range(count):
+                s = start + i * length
+                self.piece(buf[s:s + length])
+            return
+        self.region.store(*decoded)
+
+
+def read_text_golden(path, length_of, fast=True):
+    """The regions of a text golden, sorted by name as the player sorts them."""
+    reader = _TextReader(length_of, fast)
+    carry = b""
+    with open(path, "rb") as f:
+        while True:
+            block = f.read(CHUNK)
+            buf = carry + block
+            if not block:
+                break
+            cut = buf.rfind(b"\n") + 1
+            if cut:
+                reader.chunk(buf[:cut])
+            carry = buf[cut:]
+        reader.pieces(buf)  # a last line without a line feed
+    reader.regions.sort(key=lambda r: r.name.encode("latin-1").lower())
+    return reader.regions

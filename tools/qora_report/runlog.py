@@ -1,0 +1,310 @@
+"""Captured console logs of the player, read into results.
+
+Contract: `parse_log(path)` reads what one run of the player printed (any
+debug mask, with progress bars, foreign lines and a cut-off end) and
+returns a plain dict ready for JSON: the pattern, the settings the log
+shows, every loop with its verdict, timings, PMU counts and mismatches, and
+the run's verdict and exit status where the log settles them. It raises
+LogError only when the file cannot be read or holds no line of the player.
+"""
+import os
+import re
+
+PREFIX = re.compile(r"\[([IWED]):([A-Za-z_~][A-Za-z0-9_~]*):(\d+)\] ")
+# Plain lines of the pattern and golden loaders.
+LOADER = re.compile(r"open file\(|Golden file type: Fail|No pattern data|Warning|Allocate memory FAIL"
+                    r"|Realloc Fail!!|free golden\(|data buf num >=|binding num\(|\w+\(\):\d+ ")
+LOADER_FAILURE = re.compile(r"open file\(|Warning : len >= 120")
+MASKED = re.compile(r"\s*(\d+): output = ([0-9a-f]+), golden = ([0-9a-f]+), mask = ([0-9a-f]+)")
+PLAIN = re.compile(r"index = (\d+), outout = 0x([0-9a-f]+), golden = 0x([0-9a-f]+)")
+DEV_VA = re.compile(r"(\S+): dev va = 0x([0-9a-f]+) (?:sz|size) = (-?\d+)")
+FLOW = re.compile(r"---- flow id = (\d+) \(cmd_log = 0x([0-9a-f]+)\), time = (-?\d+) us")
+EVT = re.compile(r"evt:0x([0-9a-f]+), cnt: (\d+)")
+RES = re.compile(r"res: core(-?\d+), (?:last finished flow id = (-?\d+)|irq hint = 0x([0-9a-f]+))")
+FIRST_INT = re.compile(r"-?\d+")
+
+# Statistics lines: message start, field, order within a sub-command.
+TIMINGS = {
+    "execute ": ("execute_us", 2), "prepare ": ("prepare_us", 3), "waiting ": ("waiting_us", 4),
+    "blocked ": ("blocked_us", 5), "post_pro": ("post_proc_us", 6), "bandwidt": ("bandwidth_mbps", 7),
+    "execTime": ("driver_us", 8), "ipTime  ": ("ip_us", 9),
+}
+PMU_STAGE, CORE_STAGE = 10, 12
+EXIT_STATUS = {"pass": 0, "not_compared": 0, "fail": 1, "error": 1}
+
+
+class LogError(Exception):
+    """A file that is not a readable player log; the text says why."""
+
+
+def board_name(path):
+    """A log's board: its file name without the extension."""
+    return os.path.splitext(os.path.basename(path))[0]
+
+
+def _int(text):
+    return int(FIRST_INT.search(text).group())
+
+
+class _Reader:
+    def __init__(self, path):
+        self.log = {"file": path, "board": board_name(path),
+                    "pattern": None, "settings": {"buffers": [], "outputs": [], "relocations": 0},
+                    "loops": [], "verdict": None, "exit_status": None, "loops_reported": None,
+                    "messages": [], "loader_messages": []}
+        self.loop = None
+        self.sub = None
+        self.stage = -1
+        self.player_lines = 0
+        self.final = None
+        self.handlers = {
+            "Run comm": self.run_command, "ran on c": self.ran_on, "QORA Suc": self.ran,
+            "---- sta": self.compare_start, "pmu freq": self.pmu_freq, "--------": self.pmu_normal,
+            "evt:0x": self.pmu_count, "---- flo": self.pmu_flow, "---- ip ": self.pmu_ip_time,
+            "burst_mo": self.pmu_burst, "index = ": self.plain_mismatch, "res: cor": self.result_record,
+            "Get patt": self.pattern, "set prio": self.setting, "set core": self.setting,
+            "codebuf ": self.relocation, "output-": self.output_fail, "dump out": self.dump,
+            "Verify p": self.verified, "Run patt": self.done, "QORA loo": self.compare_fail,
+            "Command ": self.command_fail, "no golde": self.not_compared, "golden n": self.not_compared,
+            "no outpu": self.not_compared,
+        }
+
+    # -- lines and messages
+    def line(self, line):
+        m = PREFIX.search(line)
+        if m is None:
+            if LOADER.match(line.lstrip("\r")):
+                self.log["loader_messages"].append(line.strip())
+            return
+        while m is not None:
+            nxt = PREFIX.search(line, m.end())
+            end = nxt.start() if nxt else len(line)
+            self.message(m.group(1), line[m.start():end].rstrip("\n"), line[m.end():end].rstrip("\n"))
+            m = nxt
+
+    def message(self, level, text, msg):
+        self.player_lines += 1
+        key = msg[:8]
+        timing = TIMINGS.get(key)
+        if timing is not None and self.loop is not None:
+            self.timing(timing, msg)
+            return
+        handler = self.handlers.get(key) or self.handlers.get(key[:7]) or self.handlers.get(key[:6])
+        if handler is None and MASKED.match(msg):
+            handler = self.masked_mismatch
+        if handler is not None:
+            handler(msg, text)
+        elif DEV_VA.match(msg):
+            self.buffer(msg)
+        if level in "EW" and handler not in (self.masked_mismatch, self.plain_mismatch):
+            self.note(text)
+
+    def note(self, text):
+        (self.loop["messages"] if self.loop is not None else self.log["messages"]).append(text)
+
+    # -- loops and sub-commands
+    def run_command(self, msg, text):
+        self.loop = {"index": len(self.log["loops"]), "verdict": None, "compared": None,
+                     "subcommands": [], "outputs": [], "messages": [], "dumps": []}
+        self.log["loops"].append(self.loop)
+        self.sub, self.stage = None, -1
+
+    def sub_at(self, stage):
+        """The sub-command a statistics line belongs to: a line that comes
+        no later than the last one seen starts the next sub-command."""
+        if self.sub is None or stage <= self.stage:
+            self.sub = {}
+            self.loop["subcommands"].append(self.sub)
+        self.stage = stage
+        return self.sub
+
+    def timing(self, timing, msg):
+        field, stage = timing
+        self.sub_at(stage)[field] = _int(msg.split("=", 1)[1])
+
+    def result_record(self, msg, text):
+        m = RES.match(msg)
+        if self.loop is None or m is None:
+            return
+        sub = self.sub_at(0 if m.group(2) is not None else 1)
+        sub["core"] = int(m.group(1))
+        if m.group(2) is not None:
+            sub["last_flow_id"] = int(m.group(2))
+        else:
+            sub["irq_hint"] = int(m.group(3), 16)
+
+    def ran_on(self, msg, text):
+        if self.loop is not None:
+            self.sub_at(CORE_STAGE)["core"] = _int(msg)
+
+    def ran(self, msg, text):
+        if self.loop is not None:
+            self.loop["ran"] = True
+
+    # -- PMU
+    def pmu_freq(self, msg, text):
+        if self.loop is not None:
+            self.sub_at(PMU_STAGE)["pmu"] = {"freq": _int(msg), "counts": {}}
+
+    def pmu(self):
+        return self.sub.get("pmu") if self.sub is not None else None
+
+    def pmu_normal(self, msg, text):
+        pmu = self.pmu()
+        if pmu is not None and "normal mode" in msg:
+            pmu.update(mode="normal", cmd_log=int(msg.split("0x", 1)[1][:8], 16))
+
+    def pmu_burst(self, msg, text):
+        pmu = self.pmu()
+        if pmu is not None:
+            pmu.update(mode="flusher", burst_mode=int(msg.split("0x", 1)[1], 16), flows=[])
+
+    def pmu_flow(self, msg, text):
+        pmu, m = self.pmu(), FLOW.match(msg)
+        if pmu is not None and m and "flows" in pmu:
+            pmu["flows"].append({"flow": int(m.group(1)), "cmd_log": int(m.group(2), 16),
+                                 "time_us": int(m.group(3)), "counts": {}})
+
+    def pmu_count(self, msg, text):
+        pmu, m = self.pmu(), EVT.match(msg)
+        if pmu is None or m is None:
+            return
+        counts = pmu["flows"][-1]["counts"] if pmu.get("flows") else pmu["counts"]
+        counts["0x" + m.group(1)] = int(m.group(2))
+
+    def pmu_ip_time(self, msg, text):
+        pmu = self.pmu()
+        if pmu is not None:
+            pmu["ip_time_us"] = _int(msg)
+
+    # -- comparison
+    def compare_start(self, msg, text):
+        if self.loop is not None:
+            self.loop["compared"] = self.loop["compared"] is not False
+            self.loop["outputs"].append({"output": _int(msg), "mismatches": [], "failed": False})
+
+    def current_output(self):
+        if self.loop is None or not self.loop["outputs"]:
+            return None
+        return self.loop["outputs"][-1]
+
+    def masked_mismatch(self, msg, text):
+        out, m = self.current_output(), MASKED.match(msg)
+        if out is not None:
+            out["mismatches"].append({"word": int(m.group(1)), "output": int(m.group(2), 16),
+                                      "golden": int(m.group(3), 16), "mask": int(m.group(4), 16)})
+
+    def plain_mismatch(self, msg, text):
+        out, m = self.current_output(), PLAIN.match(msg)
+        if out is not None and m is not None:
+            out["mismatches"].append({"word": int(m.group(1)), "output": int(m.group(2), 16),
+                                      "golden": int(m.group(3), 16)})
+
+    def output_fail(self, msg, text):
+        if self.loop is not None and self.loop["outputs"]:
+            index = _int(msg)
+            for out in self.loop["outputs"]:
+                out["failed"] = out["failed"] or out["output"] == index
+
+    def not_compared(self, msg, text):
+        if self.loop is not None:
+            self.loop["compared"] = False
+
+    def dump(self, msg, text):
+        if self.loop is not None:
+            self.loop["dumps"].append(msg.split('"')[1] if msg.count('"') >= 2 else msg)
+
+    # -- settings
+    def pattern(self, msg, text):
+        self.log["pattern"] = msg.split(" : ", 1)[1].rstrip() if " : " in msg else None
+
+    def setting(self, msg, text):
+        name = "priority" if msg.startswith("set prio") else "core_mask"
+        self.log["settings"][name] = _int(msg)
+
+    def buffer(self, msg):
+        m = DEV_VA.match(msg)
+        record = {"dev_va": int(m.group(2), 16), "size": int(m.group(3))}
+        if m.group(1) == "output_buf":
+            if record not in self.log["settings"]["outputs"]:
+                self.log["settings"]["outputs"].append(record)
+        else:
+            self.log["settings"]["buffers"].append(dict(name=m.group(1), **record))
+
+    def relocation(self, msg, text):
+        self.log["settings"]["relocations"] += 1
+
+    # -- verdicts
+    def settle(self, verdict):
+        if self.loop is not None:
+            self.loop["verdict"] = verdict
+
+    def verified(self, msg, text):
+        self.final = "pass"
+        self.log["loops_reported"] = _int(msg)
+
+    def done(self, msg, text):
+        self.final = "not_compared"
+        self.log["loops_reported"] = _int(msg)
+
+    def compare_fail(self, msg, text):
+        self.settle("fail")
+        self.final = "fail"
+
+    def command_fail(self, msg, text):
+        if msg.startswith("Command Fail"):
+            self.settle("error")
+            self.final = "error"
+
+    def finish(self):
+        log, loops = self.log, self.log["loops"]
+        for loop in loops[:-1]:
+            if loop["verdict"] is None:
+                loop["verdict"] = "pass" if loop["compared"] else "not_compared"
+        if loops and loops[-1]["verdict"] is None:
+            loops[-1]["verdict"] = self.final if self.final in ("pass", "not_compared") else "incomplete"
+        verdict = self.final
+        if verdict is None and not loops and _stops_the_build(log):
+            verdict = "error"
+        log["verdict"] = verdict or "incomplete"
+        log["exit_status"] = EXIT_STATUS.get(log["verdict"])
+        settings = log["settings"]
+        events = sorted({k for loop in loops for s in loop["subcommands"] for k in _events(s)})
+        settings["pmu_events"] = events
+        settings["flusher"] = any(s.get("pmu", {}).get("mode") == "flusher"
+                                  for loop in loops for s in loop["subcommands"])
+        for loop in loops:
+            loop.pop("compared")
+            loop.pop("ran", None)
+        return log
+
+
+def _stops_the_build(log):
+    """Whether a log without runs shows why the player built nothing."""
+    return (any(m.startswith("[E:") for m in log["messages"])
+            or any(LOADER_FAILURE.match(m) for m in log["loader_messages"]))
+
+
+def _events(sub):
+    pmu = sub.get("pmu")
+    if not pmu:
+        return []
+    names = set(pmu["counts"])
+    for flow in pmu.get("flows", []):
+        names |= set(flow["counts"])
+    return names
+
+
+def parse_log(path):
+    """The results of one player log (see the module's contract)."""
+    reader = _Reader(path)
+    try:
+        with open(path, encoding="utf-8", errors="replace", newline=None) as f:
+            for line in f:
+                reader.line(line)
+    except OSError as e:
+        raise LogError(f"{path}: {e.strerror}") from None
+    if reader.player_lines == 0 and not reader.log["loader_messages"]:
+        raise LogError(f"{path}: no line of the player in it" if os.path.getsize(path)
+                       else f"{path}: empty file")
+    return reader.finish()
