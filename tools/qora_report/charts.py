@@ -10,6 +10,7 @@ import matplotlib
 
 matplotlib.use("Agg")
 import matplotlib.pyplot as plt  # noqa: E402  (the backend is chosen first)
+from matplotlib.ticker import MaxNLocator  # noqa: E402
 import numpy as np  # noqa: E402
 
 from .summary import loop_pmu_counts, loop_totals  # noqa: E402
@@ -42,6 +43,7 @@ def timings(summary, out_dir):
     axes[0].set_title("Per loop (times summed over sub-commands, bandwidth averaged)")
     axes[0].legend(fontsize="small")
     axes[-1].set_xlabel("loop")
+    axes[-1].xaxis.set_major_locator(MaxNLocator(integer=True))
     return _save(fig, out_dir, "timings")
 
 
@@ -71,6 +73,7 @@ def pmu(summary, out_dir):
         plt.close(fig)
         return []
     ax.set_xlabel("loop")
+    ax.xaxis.set_major_locator(MaxNLocator(integer=True))
     ax.set_ylabel("count (summed over sub-commands and flows)")
     ax.set_title("PMU event counts")
     ax.legend(fontsize="small")
