@@ -53,7 +53,9 @@ def runs(tmp_path_factory):
     killed = os.path.join(d, "killed.log")
     with open(killed, "w") as out:
         proc = subprocess.Popen([PLAYER, "-f", "Test", "-l", "-1", "-d", "7"], stdout=out)
-        time.sleep(1.0)
+        deadline = time.monotonic() + 60
+        while os.path.getsize(killed) < 20000 and time.monotonic() < deadline:
+            time.sleep(0.05)  # a few loops, whatever the machine's load
         proc.send_signal(signal.SIGKILL)
         proc.wait()
     logs["killed"] = killed

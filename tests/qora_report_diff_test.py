@@ -10,6 +10,7 @@ import numpy as np
 import pytest
 
 from conftest import CORRUPTED_WORDS, report
+from qora_report import compare as compare_module
 from qora_report.golden import GoldenError, read_text_golden
 
 DRIVER = os.environ.get("QORA_GOLDEN_DRIVER", "build/tests/qora_pattern_golden_driver")
@@ -72,8 +73,24 @@ def test_binary_golden_bits_lanes_and_masked_nibbles(dump, tmp_path):
     lines = ["_".join(row[i:i + 4].tobytes().hex() for i in range(0, 16, 4)) for row in rows]
     lines[1] = "x" + lines[1][1:]       # high nibble of byte 15 of line 1: word 7's bit 31
     (tmp_path / "g.hex").write_text("@40009000\n" + "\n".join(lines) + "\n")
-    status, out, _ = report("diff", dump, str(tmp_path / "g.hex"))
+    words.tofile(str(tmp_path / "plain.bin"))  # no output index in its name: region 0
+    status, out, _ = report("diff", str(tmp_path / "plain.bin"), str(tmp_path / "g.hex"))
     assert status == 1 and "mismatching words: 1" in out and "first: word 9" in out
+
+
+@pytest.mark.parametrize("chunk", [1, 3, 4, 1 << 22])
+def test_chunks_do_not_change_the_result(monkeypatch, tmp_path, chunk):
+    out = np.arange(40, dtype="<u4")
+    gold = out.copy()
+    gold[[2, 3, 4, 5, 6, 11, 12, 39]] ^= 1
+    out.tofile(str(tmp_path / "d.bin"))
+    gold.tofile(str(tmp_path / "g.bin"))
+    monkeypatch.setattr(compare_module, "CHUNK_WORDS", chunk)
+    listed = []
+    result = compare_module.compare(str(tmp_path / "d.bin"), str(tmp_path / "g.bin"),
+                                    listing=lambda index, *_: listed.extend(index.tolist()))
+    assert result.ranges == [[2, 6], [11, 12], [39, 39]]
+    assert listed == [2, 3, 4, 5, 6, 11, 12, 39] and result.mismatches == 8
 
 
 @pytest.mark.parametrize("args,message", [

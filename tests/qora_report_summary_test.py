@@ -37,6 +37,7 @@ def test_details_of_a_debug_7_run(runs):
     log = parse_log(runs["logs"]["two_code"])
     assert log["pattern"] == "conv2d_uint8"
     assert log["settings"]["core_mask"] == 3 and "priority" not in log["settings"]
+    assert log["settings"]["buffers"][0] == {"name": "40000000", "dev_va": 0x80000000, "size": 128}
     assert len(log["settings"]["buffers"]) == 3 and log["settings"]["relocations"] > 0
     sub = log["loops"][1]["subcommands"][1]
     assert set(sub) >= {"execute_us", "prepare_us", "waiting_us", "blocked_us", "post_proc_us",
@@ -87,6 +88,19 @@ def test_log_shapes(tmp_path, text, verdict, loops):
     path.write_text(text)
     log = parse_log(str(path))
     assert (log["verdict"], len(log["loops"])) == (verdict, loops)
+
+
+def test_a_failed_run_keeps_its_result_records(tmp_path):
+    path = tmp_path / "board.log"
+    path.write_text("[I:RunCmd:399] Run command\n"
+                    "[W:RunCmd:350] res: core1, last finished flow id = 7 (abort/halt?)\n"
+                    "[E:RunCmd:352] res: core1, irq hint = 0x10\n"
+                    "[D:RunCmd:362] execute   = 5[us]\n[D:RunCmd:404] ran on core1\n"
+                    "[E:RunCmd:410] Command Fail!! (-1)\n")
+    log = parse_log(str(path))
+    assert log["loops"][0]["subcommands"] == [{"core": 1, "last_flow_id": 7, "irq_hint": 0x10, "execute_us": 5}]
+    assert (log["verdict"], log["exit_status"], log["loops"][0]["verdict"]) == ("error", 1, "error")
+    assert len(log["loops"][0]["messages"]) == 3
 
 
 def test_summary_json_and_junit(runs, tmp_path):

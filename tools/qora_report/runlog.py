@@ -58,7 +58,7 @@ class _Reader:
         self.player_lines = 0
         self.final = None
         self.handlers = {
-            "Run comm": self.run_command, "ran on c": self.ran_on, "QORA Suc": self.ran,
+            "Run comm": self.run_command, "ran on c": self.ran_on,
             "---- sta": self.compare_start, "pmu freq": self.pmu_freq, "--------": self.pmu_normal,
             "evt:0x": self.pmu_count, "---- flo": self.pmu_flow, "---- ip ": self.pmu_ip_time,
             "burst_mo": self.pmu_burst, "index = ": self.plain_mismatch, "res: cor": self.result_record,
@@ -136,10 +136,6 @@ class _Reader:
     def ran_on(self, msg, text):
         if self.loop is not None:
             self.sub_at(CORE_STAGE)["core"] = _int(msg)
-
-    def ran(self, msg, text):
-        if self.loop is not None:
-            self.loop["ran"] = True
 
     # -- PMU
     def pmu_freq(self, msg, text):
@@ -275,7 +271,6 @@ class _Reader:
                                   for loop in loops for s in loop["subcommands"])
         for loop in loops:
             loop.pop("compared")
-            loop.pop("ran", None)
         return log
 
 
