@@ -1,13 +1,14 @@
 """qora_report summary and plot on logs of real runs on the engine model."""
 import json
 import os
+import random
 import xml.etree.ElementTree as ET
 
 import pytest
 from junitparser import Error, Failure, JUnitXml, Skipped
 
 from conftest import report
-from qora_report.runlog import parse_log
+from qora_report.runlog import LogError, parse_log
 
 
 # log, verdict, exit status, loops, sub-commands per loop, PMU mode, events
@@ -70,6 +71,22 @@ def test_killed_run_is_incomplete(runs):
     assert (log["verdict"], log["exit_status"]) == ("incomplete", None)
     assert log["loops"][-1]["verdict"] == "incomplete"
     assert all(loop["verdict"] == "pass" for loop in log["loops"][:-1])
+
+
+def test_any_cut_or_garbled_log_reads(runs, tmp_path):
+    text = open(runs["logs"]["flusher"], "rb").read() + open(runs["logs"]["fail"], "rb").read()
+    rnd = random.Random(5)
+    path = tmp_path / "board.log"
+    for cut in range(1, len(text), 7):
+        garbled = bytearray(text[:cut])
+        for _ in range(rnd.randrange(3)):
+            garbled[rnd.randrange(cut)] = rnd.randrange(256)
+        path.write_bytes(bytes(garbled))
+        try:
+            log = parse_log(str(path))
+        except LogError:
+            continue  # nothing of the player left
+        assert log["verdict"] in ("pass", "fail", "error", "incomplete")
 
 
 @pytest.mark.parametrize("text,verdict,loops", [

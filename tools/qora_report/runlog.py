@@ -84,20 +84,25 @@ class _Reader:
 
     def message(self, level, text, msg):
         self.player_lines += 1
-        key = msg[:8]
-        timing = TIMINGS.get(key)
-        if timing is not None and self.loop is not None:
-            self.timing(timing, msg)
-            return
-        handler = self.handlers.get(key) or self.handlers.get(key[:7]) or self.handlers.get(key[:6])
-        if handler is None and MASKED.match(msg):
-            handler = self.masked_mismatch
-        if handler is not None:
-            handler(msg, text)
-        elif DEV_VA.match(msg):
-            self.buffer(msg)
+        handler = self.handler(msg)
+        try:
+            if handler is not None:
+                handler(msg, text)
+        except (AttributeError, IndexError, ValueError):
+            return  # a line cut short or garbled: nothing to take from it
         if level in "EW" and handler not in (self.masked_mismatch, self.plain_mismatch):
             self.note(text)
+
+    def handler(self, msg):
+        key = msg[:8]
+        if key in TIMINGS:
+            return self.timing
+        handler = self.handlers.get(key) or self.handlers.get(key[:7]) or self.handlers.get(key[:6])
+        if handler is None and MASKED.match(msg):
+            return self.masked_mismatch
+        if handler is None and DEV_VA.match(msg):
+            return self.buffer
+        return handler
 
     def note(self, text):
         (self.loop["messages"] if self.loop is not None else self.log["messages"]).append(text)
@@ -118,9 +123,10 @@ class _Reader:
         self.stage = stage
         return self.sub
 
-    def timing(self, timing, msg):
-        field, stage = timing
-        self.sub_at(stage)[field] = _int(msg.split("=", 1)[1])
+    def timing(self, msg, text):
+        if self.loop is not None:
+            field, stage = TIMINGS[msg[:8]]
+            self.sub_at(stage)[field] = _int(msg.split("=", 1)[1])
 
     def result_record(self, msg, text):
         m = RES.match(msg)
@@ -218,7 +224,7 @@ class _Reader:
         name = "priority" if msg.startswith("set prio") else "core_mask"
         self.log["settings"][name] = _int(msg)
 
-    def buffer(self, msg):
+    def buffer(self, msg, text):
         m = DEV_VA.match(msg)
         record = {"dev_va": int(m.group(2), 16), "size": int(m.group(3))}
         if m.group(1) == "output_buf":
