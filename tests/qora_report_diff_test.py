@@ -11,6 +11,8 @@ import pytest
 
 from conftest import CORRUPTED_WORDS, report
 from qora_report import compare as compare_module
+from qora_report import golden as golden_module
+from qora_report.compare import Shape
 from qora_report.golden import GoldenError, read_text_golden
 
 DRIVER = os.environ.get("QORA_GOLDEN_DRIVER", "build/tests/qora_pattern_golden_driver")
@@ -78,19 +80,30 @@ def test_binary_golden_bits_lanes_and_masked_nibbles(dump, tmp_path):
     assert status == 1 and "mismatching words: 1" in out and "first: word 9" in out
 
 
-@pytest.mark.parametrize("chunk", [1, 3, 4, 1 << 22])
-def test_chunks_do_not_change_the_result(monkeypatch, tmp_path, chunk):
-    out = np.arange(40, dtype="<u4")
+@pytest.mark.parametrize("chunk,few", [(1, 64), (3, 0), (4, 64), (1 << 22, 0), (1 << 22, 64)])
+def test_chunks_and_counting_ways_agree(monkeypatch, tmp_path, chunk, few):
+    rnd = np.random.default_rng(3)
+    out = rnd.integers(0, 1 << 32, 40, dtype=np.uint32)
     gold = out.copy()
-    gold[[2, 3, 4, 5, 6, 11, 12, 39]] ^= 1
+    changed = [2, 3, 4, 5, 6, 11, 12, 39]
+    gold[changed] ^= rnd.integers(1, 1 << 32, len(changed), dtype=np.uint32)
     out.tofile(str(tmp_path / "d.bin"))
     gold.tofile(str(tmp_path / "g.bin"))
     monkeypatch.setattr(compare_module, "CHUNK_WORDS", chunk)
+    monkeypatch.setattr(compare_module, "FEW_WORDS", few)
     listed = []
-    result = compare_module.compare(str(tmp_path / "d.bin"), str(tmp_path / "g.bin"),
-                                    listing=lambda index, *_: listed.extend(index.tolist()))
-    assert result.ranges == [[2, 6], [11, 12], [39, 39]]
-    assert listed == [2, 3, 4, 5, 6, 11, 12, 39] and result.mismatches == 8
+    result = compare_module.compare(str(tmp_path / "d.bin"), str(tmp_path / "g.bin"), shape=Shape("5x4x8"),
+                                    listing=lambda *words: listed.extend(zip(*words)))
+    assert result.ranges == [[2, 6], [11, 12], [39, 39]] and result.mismatches == 8
+    assert listed == [(i, int(out[i]), int(gold[i]), 0xFFFFFFFF) for i in changed]
+    flipped = out[changed] ^ gold[changed]
+    assert result.bit_flips == [int(((flipped >> b) & 1).sum()) for b in range(32)]
+    assert result.bit_set == [int(((flipped & out[changed]) >> b & 1).sum()) for b in range(32)]
+    lanes = flipped.view(np.uint8).reshape(-1, 4) != 0
+    assert result.lanes == lanes.sum(axis=0).tolist()
+    byte = [4 * i + k for i, row in zip(changed, lanes) for k in range(4) if row[k]]
+    assert result.pixels.tolist() == np.bincount(np.array(byte) // 8, minlength=20).tolist()
+    assert result.channels.tolist() == np.bincount(np.array(byte) % 8, minlength=8).tolist()
 
 
 @pytest.mark.parametrize("args,message", [
@@ -102,6 +115,7 @@ def test_chunks_do_not_change_the_result(monkeypatch, tmp_path, chunk):
     (["{dump}", "{golden}", "--shape", "6x6"], "is not HxWxC"),
     (["{dump}", "{golden}", "--shape", "0x6x6"], "has an empty side"),
     (["{dump}", "{golden}", "--region", "1"], "region 1 asked, the golden has 1"),
+    (["{dump}", "{golden}", "--region", "-1"], "region -1 asked, the golden has 1"),
     (["{dump}", "{dir}/wide.hex"], "len >= 120"),
     (["{dump}", "{dir}/empty.hex"], "no region"),
     (["{dump}", "{golden}", "-o", "{dump}/x"], "Not a directory"),
@@ -197,7 +211,11 @@ def generated_goldens(count, seed=17):
         yield ("\n".join(lines) + rnd.choice(["\n", ""])).encode("latin-1")
 
 
-def test_reader_agrees_with_the_players_loader(tmp_path):
+@pytest.mark.parametrize("chunk", [36, 370, 1 << 24])
+def test_reader_agrees_with_the_players_loader(monkeypatch, tmp_path, chunk):
+    # Small chunks put whole chunks of plain lines inside a region, which
+    # the reader decodes without looking for line ends.
+    monkeypatch.setattr(golden_module, "CHUNK", chunk)
     (tmp_path / "p.hex").write_text(PATTERN)
     corpus = sorted(glob.glob(os.path.join(SOURCE, "fuzz/corpus/qora_pattern_golden_fuzz/*")))
     inputs = [data[1:] for data in (open(f, "rb").read() for f in corpus) if data and not data[0] & 1]

@@ -83,9 +83,9 @@ def pmu(summary, out_dir):
 def bits(result, out_dir):
     fig, (ax_bits, ax_lanes) = plt.subplots(1, 2, figsize=(12, 4.5), gridspec_kw={"width_ratios": [4, 1]})
     positions = np.arange(32)
-    to_one = result.bit_set
+    to_one = np.array(result.bit_set)
     ax_bits.bar(positions, to_one, label="output bit 1 (golden 0)")
-    ax_bits.bar(positions, result.bit_flips - to_one, bottom=to_one, label="output bit 0 (golden 1)")
+    ax_bits.bar(positions, np.array(result.bit_flips) - to_one, bottom=to_one, label="output bit 0 (golden 1)")
     ax_bits.set_xlabel("bit position in the 32-bit word")
     ax_bits.set_ylabel("mismatching words")
     ax_bits.set_xticks(range(0, 32, 4))

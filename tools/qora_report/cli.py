@@ -10,7 +10,6 @@ import os
 import re
 import sys
 
-from . import charts
 from .compare import CompareError, Shape, compare
 from .summary import summarize, table, write_json, write_junit
 
@@ -52,6 +51,7 @@ def cmd_summary(args):
 
 def cmd_plot(args):
     summary = summarize(args.logs)
+    from . import charts  # matplotlib only where charts are drawn
     out_dir = _out_dir(args.output)
     written = charts.timings(summary, out_dir) + charts.loop_histogram(summary, out_dir) + charts.pmu(summary, out_dir)
     print("\n".join(os.path.join(out_dir, name) for name in written))
@@ -66,7 +66,7 @@ def _default_region(dump):
 
 def _print_mismatches(index, out, gold, mask):
     lines = (f"{i:10d} 0x{4 * i:08x}: output = {o:08x}, golden = {g:08x}, mask = {m:08x}"
-             for i, o, g, m in zip(index.tolist(), out.tolist(), gold.tolist(), mask.tolist()))
+             for i, o, g, m in zip(index, out, gold, mask))
     sys.stdout.write("\n".join(lines) + "\n")
 
 
@@ -75,8 +75,8 @@ def _diff_json(args, region, result):
            "dump_bytes": result.dump_size, "golden_bytes": result.golden_size,
            "words_compared": result.words, "mismatching_words": result.mismatches,
            "first_word": result.first(), "last_word": result.last(), "ranges": result.ranges,
-           "bit_flips": result.bit_flips.tolist(), "bits_set_in_output": result.bit_set.tolist(),
-           "byte_lanes": result.lanes.tolist()}
+           "bit_flips": result.bit_flips, "bits_set_in_output": result.bit_set,
+           "byte_lanes": result.lanes}
     if result.shape:
         s = result.shape
         doc["shape"] = {"h": s.h, "w": s.w, "c": s.c,
@@ -99,9 +99,9 @@ def _diff_report(args, region, result):
             lines.append(f"  words {first}-{last} ({last - first + 1})")
         if len(result.ranges) > RANGES_SHOWN:
             lines.append(f"  ... {len(result.ranges) - RANGES_SHOWN} more")
-        flips = ", ".join(f"{b}:{n}" for b, n in enumerate(result.bit_flips.tolist()) if n)
+        flips = ", ".join(f"{b}:{n}" for b, n in enumerate(result.bit_flips) if n)
         lines.append(f"bits that differ (bit:words): {flips}")
-        lines.append("byte lanes (lane:words): " + ", ".join(f"{k}:{n}" for k, n in enumerate(result.lanes.tolist())))
+        lines.append("byte lanes (lane:words): " + ", ".join(f"{k}:{n}" for k, n in enumerate(result.lanes)))
     if result.shape:
         lines.append(f"mismatching bytes per channel of {result.shape}: "
                      + ", ".join(str(n) for n in result.channels.tolist()))
@@ -118,6 +118,7 @@ def cmd_diff(args):
         with open(os.path.join(out_dir, "diff.json"), "w") as f:
             json.dump(_diff_json(args, region, result), f)
             f.write("\n")
+        from . import charts
         charts.bits(result, out_dir)
         if shape:
             charts.heatmap(result, out_dir)

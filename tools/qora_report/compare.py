@@ -6,14 +6,13 @@ shorter of the two, trailing bytes of a partial word not compared) and
 returns their counts, places, ranges, the bits and byte lanes that differ,
 and with a shape H x W x C the mismatching bytes per pixel and channel.
 Both files are read in chunks, so memory stays small beside the golden.
+numpy is loaded only once there is something to count: equal binary files
+are compared at the speed of memcmp, with no start-up cost beyond Python's.
 """
 import os
 
-import numpy as np
-
-from .golden import GoldenError, read_text_golden
-
-CHUNK_WORDS = 4 << 20  # 16 MiB of each file at a time
+CHUNK_WORDS = 1 << 18  # 1 MiB of each file at a time: the two stay in cache for the comparison
+FEW_WORDS = 64         # mismatches per chunk counted without numpy
 
 
 class CompareError(Exception):
@@ -37,17 +36,18 @@ class Shape:
 
 
 class Result:
-    """What the comparison found; the arrays count over mismatching words."""
+    """What the comparison found; the counts are over mismatching words."""
 
     def __init__(self, shape):
         self.words = 0
         self.mismatches = 0
         self.ranges = []               # [first, last] word index, inclusive
-        self.bit_flips = np.zeros(32, np.int64)
-        self.bit_set = np.zeros(32, np.int64)    # flipped bits the output has set
-        self.lanes = np.zeros(4, np.int64)
+        self.bit_flips = [0] * 32
+        self.bit_set = [0] * 32        # flipped bits the output has set
+        self.lanes = [0] * 4
         self.shape = shape
         if shape:
+            import numpy as np
             self.pixels = np.zeros(shape.h * shape.w, np.int64)
             self.channels = np.zeros(shape.c, np.int64)
 
@@ -57,16 +57,43 @@ class Result:
     def last(self):
         return self.ranges[-1][1] if self.ranges else None
 
-    def add_ranges(self, index):
-        breaks = np.flatnonzero(np.diff(index) != 1)
-        starts = np.concatenate(([index[0]], index[breaks + 1]))
-        ends = np.concatenate((index[breaks], [index[-1]]))
-        pairs = np.stack((starts, ends), axis=1).tolist()
-        if self.ranges and self.ranges[-1][1] + 1 == pairs[0][0]:
+    def add_ranges(self, pairs):
+        """Appends [first, last] runs, joining one that goes on from the last."""
+        if self.ranges and pairs and self.ranges[-1][1] + 1 == pairs[0][0]:
             self.ranges[-1][1] = pairs.pop(0)[1]
         self.ranges.extend(pairs)
 
+    def add_few(self, index, out, gold, listing):
+        """A few mismatching words (lists of ints, no mask), counted without numpy."""
+        pairs = []
+        for i in index:
+            if pairs and pairs[-1][1] + 1 == i:
+                pairs[-1][1] = i
+            else:
+                pairs.append([i, i])
+        self.add_ranges(pairs)
+        self.mismatches += len(index)
+        for i, o, g in zip(index, out, gold):
+            flipped = o ^ g
+            for bit in range(32):
+                if flipped >> bit & 1:
+                    self.bit_flips[bit] += 1
+                    self.bit_set[bit] += o >> bit & 1
+            for lane in range(4):
+                if flipped >> 8 * lane & 0xFF:
+                    self.lanes[lane] += 1
+                    self.add_byte(4 * i + lane)
+        if listing:
+            listing(index, out, gold, [0xFFFFFFFF] * len(index))
+
+    def add_byte(self, byte):
+        if self.shape and byte < self.shape.bytes:
+            self.pixels[byte // self.shape.c] += 1
+            self.channels[byte % self.shape.c] += 1
+
     def add(self, base, out, gold, mask, listing):
+        """Words of a chunk (numpy arrays; mask None: all bits compared)."""
+        import numpy as np
         diff = out ^ gold
         if mask is not None:
             diff &= mask
@@ -76,7 +103,10 @@ class Result:
         index = bad + base
         flipped, got = diff[bad], out[bad]
         self.mismatches += len(bad)
-        self.add_ranges(index)
+        breaks = np.flatnonzero(np.diff(index) != 1)
+        starts = np.concatenate(([index[0]], index[breaks + 1]))
+        ends = np.concatenate((index[breaks], [index[-1]]))
+        self.add_ranges(np.stack((starts, ends), axis=1).tolist())
         for bit in range(32):
             on = (flipped >> np.uint32(bit)) & np.uint32(1)
             self.bit_flips[bit] += int(on.sum())
@@ -86,26 +116,46 @@ class Result:
         if self.shape:
             self.add_pixels(base, diff)
         if listing:
-            listing(index, got, gold[bad], np.full(len(bad), 0xFFFFFFFF, np.uint32) if mask is None
-                    else mask[bad])
+            listing(index.tolist(), got.tolist(), gold[bad].tolist(),
+                    [0xFFFFFFFF] * len(bad) if mask is None else mask[bad].tolist())
 
     def add_pixels(self, base, diff):
+        import numpy as np
         byte = np.flatnonzero(diff.view(np.uint8)) + 4 * base
         byte = byte[byte < self.shape.bytes]
         self.pixels += np.bincount(byte // self.shape.c, minlength=len(self.pixels))
         self.channels += np.bincount(byte % self.shape.c, minlength=self.shape.c)
 
 
+def _differing_words(out, gold, limit):
+    """Word indexes (in the chunk) where the two byte strings differ, found
+    by halving with memcmp; None when there are more than `limit`."""
+    found, stack = [], [(0, len(out) // 4)]
+    while stack:
+        lo, hi = stack.pop()
+        if out[4 * lo:4 * hi] == gold[4 * lo:4 * hi]:
+            continue
+        if hi - lo == 1:
+            found.append(lo)
+            if len(found) > limit:
+                return None
+            continue
+        mid = (lo + hi) // 2
+        stack += [(mid, hi), (lo, mid)]
+    return found
+
+
 def _golden_region(golden, dump_size, region):
     """The text golden's region to compare, read with every region as long
     as the dump (the output the player would size it by)."""
+    from .golden import GoldenError, read_text_golden
     try:
         regions = read_text_golden(golden, lambda name: dump_size)
     except GoldenError as e:
         raise CompareError(f"{golden}: the player would not load it: {e}") from None
     if not regions:
         raise CompareError(f"{golden}: no region ('@' line) in the golden")
-    if region >= len(regions):
+    if not 0 <= region < len(regions):
         raise CompareError(f"{golden}: region {region} asked, the golden has {len(regions)}")
     return regions[region]
 
@@ -116,6 +166,32 @@ def golden_kind(path):
         if path.endswith("." + kind):
             return kind
     raise CompareError(f"{path}: a golden's name ends in .hex or .bin (the player: \"Golden file type: Fail\")")
+
+
+def _read(f, buf, size):
+    """The next `size` bytes of `f`; read into `buf`, reused from chunk to
+    chunk, when they fill it (a fresh buffer per chunk costs more in page
+    faults than the read itself)."""
+    if size != len(buf):
+        return f.read(size)
+    got = f.readinto(buf)
+    return buf if got == size else buf[:got]
+
+
+def _add_few(result, base, out, gold, listing):
+    """Counts a chunk's mismatching words without numpy when they are few."""
+    index = _differing_words(out, gold, FEW_WORDS)
+    if index is None:
+        return False
+    word = lambda raw, i: int.from_bytes(raw[4 * i:4 * i + 4], "little")  # noqa: E731
+    result.add_few([base + i for i in index], [word(out, i) for i in index], [word(gold, i) for i in index],
+                   listing)
+    return True
+
+
+def _words(raw):
+    import numpy as np
+    return np.frombuffer(raw, "<u4")
 
 
 def compare(dump, golden, region=0, shape=None, listing=None):
@@ -140,17 +216,21 @@ def compare(dump, golden, region=0, shape=None, listing=None):
     result = Result(shape)
     result.words = min(dump_size, gold_size) // 4
     result.dump_size, result.golden_size = dump_size, gold_size
+    size = 4 * min(CHUNK_WORDS, result.words)
+    out_buf, gold_buf = bytearray(size), bytearray(size if text is None else 0)
     with open(dump, "rb") as out_f, open(golden, "rb") as gold_f:
         for base in range(0, result.words, CHUNK_WORDS):
             count = min(CHUNK_WORDS, result.words - base)
-            raw = out_f.read(4 * count)
+            raw = _read(out_f, out_buf, 4 * count)
             if text is None:
-                gold_raw = gold_f.read(4 * count)
+                gold_raw = _read(gold_f, gold_buf, 4 * count)
                 if raw == gold_raw:
                     continue  # the usual case, at the speed of memcmp
-                gold, mask = np.frombuffer(gold_raw, "<u4"), None
+                if _add_few(result, base, memoryview(raw), memoryview(gold_raw), listing):
+                    continue
+                gold, mask = _words(gold_raw), None
             else:
                 gold = text.data[4 * base:4 * (base + count)].view("<u4")
                 mask = text.mask[4 * base:4 * (base + count)].view("<u4")
-            result.add(base, np.frombuffer(raw, "<u4"), gold, mask, listing)
+            result.add(base, _words(raw), gold, mask, listing)
     return result

@@ -10,12 +10,13 @@ decoded with numpy; any other line is read the way the player's line scan
 reads it, one line at a time.
 """
 import binascii
+import mmap
 
 import numpy as np
 
 LINE_BUF = 120          # the player reads text through a 120-byte buffer
 PIECE = LINE_BUF - 1    # so a line is read in pieces of at most 119 bytes
-CHUNK = 32 << 20        # bytes read at a time
+CHUNK = 4 << 20         # bytes of whole lines decoded at a time
 WHITE = b" \t\n\v\f\r"  # what the line scan skips and stops tokens at
 LONG_LINE = "a data line fills the 120-byte line buffer (the player: \"Warning : len >= 120\")"
 
@@ -43,8 +44,13 @@ class Region:
     def __init__(self, name, length):
         self.name = name
         self.length = length
-        self.data = np.zeros(length, np.uint8)
-        self.mask = np.zeros(length, np.uint8)
+        # np.empty, then zeros written: numpy asks for huge pages for large
+        # arrays it leaves uninitialised (not for np.zeros), which makes
+        # first touching hundreds of MiB several times cheaper.
+        self.data = np.empty(length, np.uint8)
+        self.mask = np.empty(length, np.uint8)
+        self.data.fill(0)
+        self.mask.fill(0)
         self.filled = 0  # bytes the data lines reached so far
 
     def take(self, count):
@@ -65,23 +71,31 @@ class Region:
             self.filled += rest
 
 
+def scan_field(text, i, width):
+    """What a "%<width>s" conversion reads at `i`: white space skipped, then
+    up to `width` other characters. Returns the field (empty: none) and
+    where the scan stopped."""
+    n = len(text)
+    while i < n and text[i] in WHITE:
+        i += 1
+    j = i
+    while j < n and j - i < width and text[j] not in WHITE:
+        j += 1
+    return text[i:j], j
+
+
 def scan_tokens(text):
     """The tokens the sixteen-token line scan reads from `text` (at most 16)."""
-    tokens, i, n = [], 0, len(text)
+    tokens, i = [], 0
     for t in range(16):
         if t in (4, 8, 12):
-            if i >= n or text[i] != 0x5F:  # '_' must follow every fourth token
+            if i >= len(text) or text[i] != 0x5F:  # '_' must follow every fourth token
                 break
             i += 1
-        while i < n and text[i] in WHITE:
-            i += 1
-        j = i
-        while j < n and j - i < 2 and text[j] not in WHITE:
-            j += 1
-        if j == i:
+        token, i = scan_field(text, i, 2)
+        if not token:
             break
-        tokens.append(text[i:j])
-        i = j
+        tokens.append(token)
     return tokens
 
 
@@ -106,19 +120,19 @@ def _bytes_of(codes):
     return data, mask[:, ::-1]
 
 
-def _decode_rows(rows, raw):
-    """Decodes a run of equal-length lines (`rows`, k x L, L >= 36; `raw`
-    their bytes when L is 36). None when a line is not plainly laid out."""
+def _decode_rows(rows):
+    """Decodes a run of equal-length lines (`rows`, k x L, L >= 36, C order).
+    None when a line is not plainly laid out."""
     if not ((rows[:, 8] == 0x5F) & (rows[:, 17] == 0x5F) & (rows[:, 26] == 0x5F)).all():
         return None
-    if raw is not None:
-        digits = raw.translate(None, b"_\n")
-        if len(digits) == 32 * len(rows):
-            try:
-                spelled = np.frombuffer(binascii.unhexlify(digits), np.uint8)
-                return spelled.reshape(-1, 16)[:, ::-1], None
-            except binascii.Error:
-                pass  # 'x' nibbles or other characters: the table below
+    if rows.shape[1] == 36:
+        # The four 8-digit tokens of every line side by side, for unhexlify.
+        digits = np.ndarray((len(rows), 4), "<u8", rows, strides=(36, 9)).copy()
+        try:
+            spelled = np.frombuffer(binascii.unhexlify(digits), np.uint8)
+            return spelled.reshape(-1, 16)[:, ::-1], None
+        except binascii.Error:
+            pass  # 'x' nibbles or other characters: the table below
     codes = _CODE[rows[:, _DIGITS]]
     if codes.max() & 0x80:
         return None
@@ -148,15 +162,10 @@ class _TextReader:
             self.region.store(data, mask)
 
     def open(self, text):
-        i = 1
-        while i < len(text) and text[i] in WHITE:
-            i += 1
-        j = i
-        while j < len(text) and j - i < 9 and text[j] not in WHITE:
-            j += 1
-        if j == i:
+        name, _ = scan_field(text, 1, 9)  # "@%9s"
+        if not name:
             raise GoldenError("a region line has no name (the player: \"sscanf fail\")")
-        name = text[i:j].decode("latin-1")
+        name = name.decode("latin-1")
         length = self.length_of(name)
         if length == 0:
             raise GoldenError(f"region {name} names no output (the player: \"get invalid out sz\")")
@@ -173,13 +182,23 @@ class _TextReader:
             pos = end
 
     def chunk(self, buf):
-        """Whole lines of the file (`buf` ends with a line feed)."""
+        """Whole lines of the file (`buf`, a memoryview, ends with a line feed)."""
         a = np.frombuffer(buf, np.uint8)
+        if self.fast and self.region is not None and len(a) % 36 == 0:
+            # Mostly the chunk is one run of plain 36-byte data lines: rows
+            # that decode so are such lines, found without a line search.
+            rows = a.reshape(-1, 36)
+            first = rows[:, 0]
+            if (rows[:, 35] == 0x0A).all() and not ((first == 0x2F) | (first == 0x40)).any():
+                decoded = _decode_rows(rows)
+                if decoded is not None:
+                    self.region.store(*decoded)
+                    return
         ends = np.flatnonzero(a == 0x0A) + 1
         starts = np.concatenate(([0], ends[:-1]))
         lens = ends - starts
         if not self.fast or lens.max() > PIECE or not a.all():
-            self.pieces(buf)  # long lines or NUL bytes: the slow path
+            self.pieces(bytes(buf))  # long lines or NUL bytes: the slow path
             return
         first = a[starts]
         data_line = (lens >= 8) & (first != 0x2F) & (first != 0x40)
@@ -191,7 +210,7 @@ class _TextReader:
         for r0, r1 in zip(run_starts.tolist(), run_ends.tolist()):
             if key[r0] < 0 or self.region is None:
                 for i in range(r0, r1):
-                    self.piece(buf[starts[i]:ends[i]])
+                    self.piece(bytes(buf[starts[i]:ends[i]]))
                 continue
             self.run(buf, a, starts[r0], int(lens[r0]), r1 - r0)
 
@@ -202,11 +221,11 @@ class _TextReader:
         if self.region.take(count) == (0, 0):
             return  # past the region's end: the lines add nothing
         rows = a[start:end].reshape(count, length)
-        decoded = _decode_rows(rows, buf[start:end] if length == 36 else None)
+        decoded = _decode_rows(rows)
         if decoded is None:
             for i in range(count):
                 s = start + i * length
-                self.piece(buf[s:s + length])
+                self.piece(bytes(buf[s:s + length]))
             return
         self.region.store(*decoded)
 
@@ -214,17 +233,19 @@ class _TextReader:
 def read_text_golden(path, length_of, fast=True):
     """The regions of a text golden, sorted by name as the player sorts them."""
     reader = _TextReader(length_of, fast)
-    carry = b""
     with open(path, "rb") as f:
-        while True:
-            block = f.read(CHUNK)
-            buf = carry + block
-            if not block:
-                break
-            cut = buf.rfind(b"\n") + 1
-            if cut:
-                reader.chunk(buf[:cut])
-            carry = buf[cut:]
-        reader.pieces(buf)  # a last line without a line feed
+        try:  # mapped, so that no chunk is copied
+            text = mmap.mmap(f.fileno(), 0, access=mmap.ACCESS_READ)
+        except (OSError, ValueError):  # empty, or not a file that maps
+            text = f.read()
+    view, pos = memoryview(text), 0
+    while True:
+        # Whole lines of about CHUNK bytes (more when one line is longer).
+        cut = (text.rfind(b"\n", pos, pos + CHUNK) + 1) or (text.find(b"\n", pos + CHUNK) + 1)
+        if not cut:
+            break
+        reader.chunk(view[pos:cut])
+        pos = cut
+    reader.pieces(bytes(view[pos:]))  # a last line without a line feed
     reader.regions.sort(key=lambda r: r.name.encode("latin-1").lower())
     return reader.regions
