@@ -27,6 +27,7 @@ def test_logs_of_real_runs(runs, name, verdict, status, loops, subs, mode, event
     assert (log["verdict"], log["exit_status"], len(log["loops"])) == (verdict, status, loops)
     assert all(len(loop["subcommands"]) == subs for loop in log["loops"])
     assert log["settings"]["pmu_events"] == events
+    assert log["settings"]["flusher"] == (mode == "flusher")
     if mode:
         assert all(s["pmu"]["mode"] == mode for loop in log["loops"] for s in loop["subcommands"])
     if verdict in ("pass", "not_compared"):
@@ -39,7 +40,7 @@ def test_details_of_a_debug_7_run(runs):
     assert log["pattern"] == "conv2d_uint8"
     assert log["settings"]["core_mask"] == 3 and "priority" not in log["settings"]
     assert log["settings"]["buffers"][0] == {"name": "40000000", "dev_va": 0x80000000, "size": 128}
-    assert len(log["settings"]["buffers"]) == 3 and log["settings"]["relocations"] > 0
+    assert len(log["settings"]["buffers"]) == 3 and log["settings"]["relocations"] == 8  # 4 per code buffer
     sub = log["loops"][1]["subcommands"][1]
     assert set(sub) >= {"execute_us", "prepare_us", "waiting_us", "blocked_us", "post_proc_us",
                         "bandwidth_mbps", "driver_us", "ip_us", "core"}
