@@ -187,9 +187,9 @@ std::string table()
 TEST(KvxAsm, InstructionTableIsTheDocumentedOne)
 {
     std::string text = table();
+    // The whole table (the documentation check alone would take a prefix).
     EXPECT_EQ(text.rfind("| Opcode | Name | Length | Effect | Work |\n|---|---|---|---|---|\n", 0), 0u);
-    EXPECT_NE(text.find("| 0x02 | SETR | 2 or more | "), std::string::npos);
-    EXPECT_NE(text.find("| 0x01 | NOP | any | "), std::string::npos);
+    EXPECT_NE(text.find("\n| 0x09 | CYCLES | 1 | "), std::string::npos);
     EXPECT_NE(read_file(std::string(QORA_SOURCE_DIR) + "/docs/engine-model.md").find(text), std::string::npos)
         << "docs/engine-model.md: replace the instruction table with the output of kvx_asm --table";
     char cut[8];

@@ -12,9 +12,6 @@
 
 namespace {
 
-using no_setup = std::function<void(korvex_cmd_t*, std::vector<korvex_subcmd_t*>&)>;
-const no_setup kNoSetup = [](korvex_cmd_t*, std::vector<korvex_subcmd_t*>&) {};
-
 // Code that copies 64 bytes from src to dst.
 std::vector<uint32_t> copy_code(kvx_rig& r, const void* dst, const void* src)
 {

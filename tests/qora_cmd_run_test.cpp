@@ -15,13 +15,6 @@
 
 namespace {
 
-std::string line(uint32_t w0, uint32_t w1, uint32_t w2, uint32_t w3)
-{
-    char text[40];
-    snprintf(text, sizeof(text), "%08x_%08x_%08x_%08x\n", w3, w2, w1, w0);
-    return text;
-}
-
 uint32_t setr(uint32_t reg)
 {
     return kvx_asm_setr(reg, 1);
@@ -31,8 +24,8 @@ uint32_t move(uint32_t dst, uint32_t src, uint32_t len)
     return kvx_asm_regs(KVX_OP_MOVE, dst, src, len, 0);
 }
 
-const std::string kInput = line(0x03020100, 0x07060504, 0x0b0a0908, 0x0f0e0d0c) +
-                           line(0x13121110, 0x17161514, 0x1b1a1918, 0x1f1e1d1c);
+const std::string kInput = hex_line(0x03020100, 0x07060504, 0x0b0a0908, 0x0f0e0d0c) +
+                           hex_line(0x13121110, 0x17161514, 0x1b1a1918, 0x1f1e1d1c);
 
 // Copies the 32-byte buffer at 40000000 to the output at 40009000, once per
 // code buffer; with `via_vlm` through the on-chip memory.
@@ -41,11 +34,11 @@ std::string copy_pattern(int code_buffers, bool via_vlm)
     std::string code;
     std::string bindings;
     if (via_vlm) {
-        code = line(setr(0), 0, setr(1), 0) + line(setr(2), 32, move(0, 1, 2), setr(3)) +
-               line(0, move(3, 0, 2), 0, 0);
+        code = hex_line(setr(0), 0, setr(1), 0) + hex_line(setr(2), 32, move(0, 1, 2), setr(3)) +
+               hex_line(0, move(3, 0, 2), 0, 0);
         bindings = "// 4 @1D900000\n// 12 @40000000\n// 32 @40009000\n";
     } else {
-        code = line(setr(0), 0, setr(1), 0) + line(setr(2), 32, move(0, 1, 2), 0);
+        code = hex_line(setr(0), 0, setr(1), 0) + hex_line(setr(2), 32, move(0, 1, 2), 0);
         bindings = "// 4 @40009000\n// 12 @40000000\n";
     }
     std::string text = "// Output\n// @40009000 {32}\n// Data\n@40000000\n" + kInput + "\n// Code\n";
@@ -76,8 +69,8 @@ protected:
         write_file(dir + "/two.hex", copy_pattern(2, false));
         write_file(dir + "/vlm.hex", copy_pattern(1, true));
         write_file(dir + "/gold.hex", "@40009000\n" + kInput);
-        write_file(dir + "/bad.hex", "@40009000\n" + line(0x03020100, 0x07060504, 0x0b0a0908, 0x0f0e0d0c) +
-                                         line(0x13121110, 0x17161414, 0x1b1a1918, 0x1f1e1d1c));
+        write_file(dir + "/bad.hex", "@40009000\n" + hex_line(0x03020100, 0x07060504, 0x0b0a0908, 0x0f0e0d0c) +
+                                         hex_line(0x13121110, 0x17161414, 0x1b1a1918, 0x1f1e1d1c));
     }
 
     void check(const RunCase& c)
@@ -99,13 +92,21 @@ protected:
     std::string dir;
 };
 
-TEST_F(RunMode, OptionsReachTheMiddleware)
+// Options reach the middleware calls, and the engine reads what the player
+// wrote: the model's trace shows the calls, in order, and what the engine
+// read from the player's buffers and parameters per sub-command.
+TEST_F(RunMode, TheEngineReadsWhatThePlayerWrote)
 {
     const std::string copy = "-f " + dir + "/copy.hex -g " + dir + "/gold.hex ";
     const std::vector<RunCase> cases = {
-        {"a copy verifies", "", copy, 0, {"[I:BuildCmd:", "] Get pattern : run_OptionsReachTheMiddleware\n", "Verify pattern 1 times : success\n"},
-         {"korvexCmd_run(cmd#1) = 0"}, {"SC_PARAM_CORE_AFFINITY", "SC_PARAM_BOOST_VALUE", "VLM"}},
-        {"several loops", "", copy + "-l 3 -d 0", 0, {"Verify pattern 3 times : success\n"}, {"korvexCmd_run(cmd#3) = 0"}, {}},
+        {"a copy verifies", "", copy, 0, {"[I:BuildCmd:", "] Get pattern : run_TheEngineReadsWhatThePlayerWrote\n", "Verify pattern 1 times : success\n"},
+         {"korvexCmd_run(cmd#1) = 0", "engine_run(subcmd#1, core 0, priority none, 1000 MHz) = cause 0x00, detail 0x0\n"},
+         {"SC_PARAM_CORE_AFFINITY", "SC_PARAM_BOOST_VALUE", "VLM"}},
+        {"several loops; data buffers invalidated after each run, before the compare", "", copy + "-l 3 -d 0", 0,
+         {"Verify pattern 3 times : success\n"},
+         {"korvexCmd_run(cmd#3) = 0\nkorvexSession_deleteCmd(session#1, cmd#3) = 0\n"
+          "korvexSession_memInvalidate(session#1, mem#1) = 0\n"},
+         {"korvexSession_memInvalidate(session#1, mem#2)"}},
         {"a thread count below 1 plays one copy of a built-in pattern", "", "-f Test -t 0", 0, {"success"},
          {"subcmd#1"}, {"subcmd#2"}},
         {"no golden", "", "-f " + dir + "/copy.hex -l 2", 0,
@@ -116,13 +117,6 @@ TEST_F(RunMode, OptionsReachTheMiddleware)
         {"boost value", "", copy + "-b 100", 0, {}, {"SC_PARAM_BOOST_VALUE, 100) = 0"}, {"TURBO"}},
         {"turbo", "", copy + "-b 101", 0, {}, {"SC_PARAM_TURBO_BOOST, 1) = 0"}, {"BOOST_VALUE"}},
         {"random boost", "", copy + "-b -1", 0, {"success"}, {"korvexSubCmd_setParam(subcmd#1, SC_PARAM_"}, {}},
-        {"priority", "", copy + "--force_priority 10", 0, {"set priority = 2\n"}, {}, {}},
-        {"command parameters", "", copy + "--delay_off 5 -o 7 -a 9000 --perf_mode", 0, {},
-         {"korvexCmd_setParam(cmd#1, CMD_PARAM_DELAY_POWER_OFF_MS, 5) = 0\n"
-          "korvexCmd_setParam(cmd#1, CMD_PARAM_SOFTLIMIT, 7) = 0\n"
-          "korvexCmd_setParam(cmd#1, CMD_PARAM_HARDLIMIT, 9000) = 0\n"
-          "korvexCmd_setParam(cmd#1, CMD_PARAM_POWERPOLICY, 2) = 0\n"},
-         {"Fail"}},
         {"statistics", "", copy + "-d 4", 0,
          {"] execute   = 1[us]\n", "] ipTime    = 1[us]\n", "] execTime  = 21[us]\n", "] bandwidth = 64[MB/s]\n"},
          {}, {"ran on core"}},
@@ -135,7 +129,7 @@ TEST_F(RunMode, OptionsReachTheMiddleware)
          {"subcmd#2, SC_PARAM_CORE_AFFINITY", "Fail"}},
         {"VLM obtained", "", "-f " + dir + "/vlm.hex -g " + dir + "/gold.hex", 0, {"success"},
          {"korvexSession_memAlloc(session#1, 0, 0, KORVEX_MEM_TYPE_VLM, 0) = mem#",
-          "SC_PARAM_VLM_USAGE, 1048576) = 0"},
+          "engine_run(subcmd#1, core 0, priority none, 1000 MHz, vlm_usage 1048576) = cause 0x00"},
          {"get vlm fail", "1048576, 4096, KORVEX_MEM_TYPE_DRAM"}},
         {"VLM refused: shared DRAM instead", "KVX_MODEL_NO_VLM=1", "-f " + dir + "/vlm.hex -g " + dir + "/gold.hex",
          0, {"get vlm fail!!\n", "success"}, {"1048576, 4096, KORVEX_MEM_TYPE_DRAM, 2) = mem#"}, {}},
@@ -147,7 +141,10 @@ TEST_F(RunMode, OptionsReachTheMiddleware)
           "evt:0x1001, cnt: 32\n", "evt:0x1708, cnt: 0\n"},
          {"korvexSession_cmdBufAlloc(session#1, 64, 1048576) = cb#"}, {}},
         {"PMU flusher mode", "", copy + "--flusher", 0, {"burst_mode = 0x2\n", "---- ip time = 0 us ----\n"},
-         {"korvexSession_cmdBufAlloc(session#1, 983040, 1048576) = cb#"}, {}},
+         {"korvexSession_cmdBufAlloc(session#1, 983040, 1048576) = cb#7\n",
+          "korvexSubCmd_addCmdBuf(subcmd#1, cb#7, KORVEX_CB_OUT) = 0\n",
+          "engine_run(subcmd#1, core 0, priority none, 1000 MHz) = cause 0x00"},
+         {}},
         {"PMU flusher mode: one record per flow", "", "-f Test --flusher -p 0103", 0,
          {"] ---- flow id = 0000 (cmd_log = 0x51000001), time = 61 us ----\n", "] evt:0x0103, cnt: 1\n",
           "] ---- ip time = 61 us ----\n"},
@@ -159,6 +156,21 @@ TEST_F(RunMode, OptionsReachTheMiddleware)
         {"14 PMU events are refused", "",
          copy + "-p 1 -p 2 -p 3 -p 4 -p 5 -p 6 -p 7 -p 8 -p 9 -p a -p b -p c -p d -p e", 1,
          {"Warning: The number of PMU events > 14\n"}, {"korvexSubCmd_addCmdBuf(subcmd#1, null, KORVEX_CB_IN) = -1"}, {}},
+        {"priority 13 is 5", "", copy + "--force_priority 13", 0, {"set priority = 5\n", "success"},
+         {"engine_run(subcmd#1, core 0, priority 5, 1000 MHz) = cause 0x00"}, {}},
+        {"priority 8 is 0", "", copy + "--force_priority 8", 0, {"success"},
+         {"engine_run(subcmd#1, core 0, priority 0, 1000 MHz) = cause 0x00"}, {}},
+        {"command parameters", "", copy + "-b 50 -o 7 -a 9000 --delay_off 5 --perf_mode", 0, {"success"},
+         {"engine_run(subcmd#1, core 0, priority none, 800 MHz, soft_limit 7, hard_limit 9000, power_policy 2, "
+          "delay_off 5) = cause 0x00"},
+         {"Fail"}},
+        {"packed sub-commands share a VLM context", "", "-f " + dir + "/two.hex -g " + dir + "/gold.hex", 0,
+         {"success"},
+         {"engine_run(subcmd#1, core 0, priority none, 1000 MHz, vlm_ctx 1) = cause 0x00",
+          "engine_run(subcmd#2, core 1, priority none, 1000 MHz, vlm_ctx 1) = cause 0x00"},
+         {}},
+        {"high DRAM for every buffer", "", copy + "-d 2", 0, {"] 40000000\n: dev va = 0x80000000 sz = 32\n"},
+         {"korvexSession_memAlloc(session#1, 32, 4096, KORVEX_MEM_TYPE_DRAM, 2) = mem#"}, {}},
     };
     for (const RunCase& c : cases)
         check(c);
@@ -214,10 +226,6 @@ TEST_F(RunMode, MiddlewareFailures)
         check(c);
 }
 
-} // namespace
-
-namespace {
-
 TEST_F(RunMode, BuiltInPatterns)
 {
     const std::vector<RunCase> cases = {
@@ -250,10 +258,6 @@ TEST_F(RunMode, CorruptedBuiltInGoldenFails)
     EXPECT_NE(out.find("] index = 250, outout = "), std::string::npos) << out;
     EXPECT_EQ(run_player("-f " + dir + "/conv2d_uint8/pattern.hex -g " + dir + "/conv2d_uint8/golden.bin", &out), 0);
 }
-
-} // namespace
-
-namespace {
 
 // Fails every middleware call of one run in turn, the first, second, ... call
 // of each operation: the player must end with 0 or 1 (never a crash or a
@@ -292,18 +296,14 @@ TEST_F(RunMode, FaultSweep)
     EXPECT_GT(runs, 60);
 }
 
-} // namespace
-
-namespace {
-
 // The remaining warnings and verdicts, each from the situation that causes it.
 TEST_F(RunMode, WarningsAndVerdicts)
 {
     // Code that finishes flow 7, then meets an unknown opcode.
     write_file(dir + "/fault.hex", "// Output\n// @40009000 {32}\n// Data\n@40000000\n" + kInput +
-                                       "\n// Code\n@0\n" + line(0x070108, 0x1F7, 0, 0) + "\n");
+                                       "\n// Code\n@0\n" + hex_line(0x070108, 0x1F7, 0, 0) + "\n");
     write_file(dir + "/no_out.hex", "@40000000\n" + kInput + "\n");
-    write_file(dir + "/no_data.hex", "// Output\n// @40009000 {32}\n// Code\n@0\n" + line(0, 0, 0, 0) + "\n");
+    write_file(dir + "/no_data.hex", "// Output\n// @40009000 {32}\n// Code\n@0\n" + hex_line(0, 0, 0, 0) + "\n");
     write_file(dir + "/short.bin", std::string("\x00\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d\x0e\x0f", 16));
     write_file(dir + "/gold2.hex", "@40009000\n" + kInput + "@40009000\n" + kInput);
     write_file(dir + "/two_out.hex", copy_pattern(1, false) + "// Output\n// @4000A000 {32}\n");
@@ -356,49 +356,6 @@ TEST_F(RunMode, WarningsAndVerdicts)
         check(c);
 }
 
-} // namespace
-
-namespace {
-
-// What the engine read from the player's buffers and parameters, as the
-// model's trace shows it per sub-command, and the order of the player's
-// calls around a run.
-TEST_F(RunMode, TheEngineReadsWhatThePlayerWrote)
-{
-    const std::string copy = "-f " + dir + "/copy.hex -g " + dir + "/gold.hex ";
-    const std::vector<RunCase> cases = {
-        {"no priority", "", copy, 0, {"success"},
-         {"engine_run(subcmd#1, core 0, priority none, 1000 MHz) = cause 0x00, detail 0x0\n"}, {}},
-        {"priority 13 is 5", "", copy + "--force_priority 13", 0, {"success"},
-         {"engine_run(subcmd#1, core 0, priority 5, 1000 MHz) = cause 0x00"}, {}},
-        {"priority 8 is 0", "", copy + "--force_priority 8", 0, {"success"},
-         {"engine_run(subcmd#1, core 0, priority 0, 1000 MHz) = cause 0x00"}, {}},
-        {"command parameters", "", copy + "-b 50 -o 7 -a 9000 --delay_off 5 --perf_mode", 0, {"success"},
-         {"engine_run(subcmd#1, core 0, priority none, 800 MHz, soft_limit 7, hard_limit 9000, power_policy 2, "
-          "delay_off 5) = cause 0x00"},
-         {}},
-        {"VLM usage", "", "-f " + dir + "/vlm.hex -g " + dir + "/gold.hex", 0, {"success"},
-         {"engine_run(subcmd#1, core 0, priority none, 1000 MHz, vlm_usage 1048576) = cause 0x00"}, {}},
-        {"packed sub-commands share a VLM context", "", "-f " + dir + "/two.hex -g " + dir + "/gold.hex", 0,
-         {"success"},
-         {"engine_run(subcmd#1, core 0, priority none, 1000 MHz, vlm_ctx 1) = cause 0x00",
-          "engine_run(subcmd#2, core 1, priority none, 1000 MHz, vlm_ctx 1) = cause 0x00"},
-         {}},
-        {"high DRAM for every buffer", "", copy + "-d 2", 0, {"] 40000000\n: dev va = 0x80000000 sz = 32\n"},
-         {"korvexSession_memAlloc(session#1, 32, 4096, KORVEX_MEM_TYPE_DRAM, 2) = mem#"}, {}},
-        {"data buffers invalidated after the run, before the compare", "", copy + "-d 0", 0, {"success"},
-         {"korvexCmd_run(cmd#1) = 0\nkorvexSession_deleteCmd(session#1, cmd#1) = 0\n"
-          "korvexSession_memInvalidate(session#1, mem#1) = 0\n"},
-         {"korvexSession_memInvalidate(session#1, mem#2)"}},
-        {"PMU buffers named and sized", "", copy + "-p 0101 --flusher", 0, {"success"},
-         {"korvexSession_cmdBufAlloc(session#1, 983040, 1048576) = cb#7\n", "korvexSubCmd_addCmdBuf(subcmd#1, cb#7, "
-          "KORVEX_CB_OUT) = 0\n", "engine_run(subcmd#1, core 0, priority none, 1000 MHz) = cause 0x00"},
-         {}},
-    };
-    for (const RunCase& c : cases)
-        check(c);
-}
-
 // Drops, one at a time, each flush the player makes before its first run.
 // A buffer whose only flush is dropped holds host bytes the engine never
 // saw: the run must be refused. The player writes no buffer between its
@@ -435,10 +392,6 @@ TEST_F(RunMode, EveryFlushBeforeARunCounts)
     EXPECT_GT(dropped, 20);
 }
 
-} // namespace
-
-namespace {
-
 // A code buffer whose block could not grow, or not be allocated at all, is
 // played with the bytes it holds; nothing reads past them (the sanitizer
 // builds fail the child otherwise).
@@ -447,7 +400,7 @@ TEST_F(RunMode, LoadAllocationFailuresPlayWhatWasLoaded)
     std::string padded = copy_pattern(1, false);
     std::string end_lines;
     for (int i = 0; i < 1100; i++) // 17600 code bytes: the first block must grow once
-        end_lines += line(0, 0, 0, 0);
+        end_lines += hex_line(0, 0, 0, 0);
     padded.insert(padded.find("\n// Binding"), end_lines);
     write_file(dir + "/padded.hex", padded);
     struct Case {

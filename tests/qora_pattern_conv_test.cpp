@@ -7,17 +7,10 @@
 
 namespace {
 
-std::string line(uint32_t w0, uint32_t w1, uint32_t w2, uint32_t w3)
-{
-    char text[40];
-    snprintf(text, sizeof(text), "%08x_%08x_%08x_%08x\n", w3, w2, w1, w0);
-    return text;
-}
-
 const std::string kPattern =
     "// Output\n// @40009000 {32}\n// acx0_qora1_cmda_length_0014\n// Temporary\n@40000000\n" +
-    line(0x03020100, 0x07060504, 0x0b0a0908, 0x0f0e0d0c) + "\n@40001000\n" + line(1, 2, 3, 4) +
-    "\n// Code\n@0\n" + line(0x0202, 0, 0x10202, 0) + line(0x20202, 32, 0x02100103, 0) +
+    hex_line(0x03020100, 0x07060504, 0x0b0a0908, 0x0f0e0d0c) + "\n@40001000\n" + hex_line(1, 2, 3, 4) +
+    "\n// Code\n@0\n" + hex_line(0x0202, 0, 0x10202, 0) + hex_line(0x20202, 32, 0x02100103, 0) +
     "\n// Binding\n// 4 @40009000\n// 12 @40000000\n// 16 @40009010\n// 20 @1D900010\n// 24 @40001010\n"
     "// 28 @3FFFFFF0\n";
 
@@ -34,7 +27,7 @@ protected:
 TEST_F(Conversions, PatternHeaderText)
 {
     write_file(dir + "/p.hex", "x\n" + kPattern);
-    write_file(dir + "/out.hex", "@40009000\n" + line(1, 2, 3, 4));
+    write_file(dir + "/out.hex", "@40009000\n" + hex_line(1, 2, 3, 4));
     std::string out;
     EXPECT_EQ(player("--gen hdr -f p.hex -g out.hex", &out), 0);
     EXPECT_NE(out.find("Warning: No '@' keyword before data\n"), std::string::npos) << out;
@@ -83,8 +76,8 @@ TEST_F(Conversions, DataTableEndsAtItsLimit)
 {
     std::string text = "// Output\n// @40009000 {16}\n";
     for (int i = 0; i < 8194; i++)
-        text += "@5" + std::to_string(i) + "\n" + line(i, 0, 0, 0) + "\n";
-    text += "// Code\n@0\n" + line(0, 0, 0, 0) + "\n// Binding\n// 4 @50\n";
+        text += "@5" + std::to_string(i) + "\n" + hex_line(i, 0, 0, 0) + "\n";
+    text += "// Code\n@0\n" + hex_line(0, 0, 0, 0) + "\n// Binding\n// 4 @50\n";
     write_file(dir + "/p.hex", text);
     std::string out;
     ASSERT_EQ(player("--gen big -f p.hex", &out), 0);
@@ -98,7 +91,7 @@ TEST_F(Conversions, DataTableEndsAtItsLimit)
 TEST_F(Conversions, GeneratedHeaderCompiles)
 {
     write_file(dir + "/p.hex", kPattern);
-    write_file(dir + "/cmodel_output.hex", "@40009000\n0f0e0dxx_0b0a0908_07060504_03020100\n" + line(1, 2, 3, 4));
+    write_file(dir + "/cmodel_output.hex", "@40009000\n0f0e0dxx_0b0a0908_07060504_03020100\n" + hex_line(1, 2, 3, 4));
     std::string out;
     ASSERT_EQ(player("--gen hdr -f p.hex -g cmodel_output.hex", &out), 0);
     write_file(dir + "/check.c",
@@ -127,7 +120,7 @@ struct GoldenHeaderCase {
 TEST_F(Conversions, GoldenHeaders)
 {
     const std::vector<GoldenHeaderCase> cases = {
-        {"a text golden of another name", "out.hex", "@40009000\n" + line(1, 2, 3, 4),
+        {"a text golden of another name", "out.hex", "@40009000\n" + hex_line(1, 2, 3, 4),
          "\nunsigned char *g_golden_mask = NULL;\n"},
         {"a masked text golden; short lines and long comments are skipped", "cmodel_output.hex",
          "@4\n// a comment longer than thirty-two characters\nff00ff00\nff00ff00_ff00ff00_ff00ff00_ff00ffxx\n",

@@ -15,10 +15,9 @@ namespace {
 struct LoadCase {
     const char* what;
     std::map<std::string, std::string> files;
-    std::vector<std::string> patterns;
-    std::vector<std::string> goldens;
-    std::string set;                  // describe_set of the result
-    std::vector<std::string> printed; // texts that must appear on stdout
+    std::string set;                        // describe_set of the result
+    std::vector<std::string> printed;       // texts that must appear on stdout
+    std::vector<std::string> patterns = {}; // the files when not given
 };
 
 const char* kBasic =
@@ -63,17 +62,17 @@ std::string dir_of(const char* what)
 void run_case(const LoadCase& c)
 {
     std::string dir = dir_of(c.what);
-    std::vector<std::string> patterns, goldens;
+    std::vector<std::string> patterns;
     for (const std::string& p : c.patterns)
         patterns.push_back(p[0] != '/' && p.find('.') != std::string::npos ? dir + "/" + p : p);
-    for (const std::string& g : c.goldens)
-        goldens.push_back(dir + "/" + g);
-    for (const auto& f : c.files)
+    for (const auto& f : c.files) {
         if (f.first.find('/') != std::string::npos)
             (void)!system(("mkdir -p '" + dir + "/" + f.first.substr(0, f.first.rfind('/')) + "'").c_str());
-    for (const auto& f : c.files)
         write_file(dir + "/" + f.first, f.second);
-    isolated_result r = run_isolated([&] { return load_and_describe(patterns, goldens); });
+        if (c.patterns.empty())
+            patterns.push_back(dir + "/" + f.first);
+    }
+    isolated_result r = run_isolated([&] { return load_and_describe(patterns, {}); });
     std::string expected = c.set;
     size_t at = expected.find("@DIR@");
     if (at != std::string::npos)
@@ -88,8 +87,6 @@ TEST(PatternLoad, Scenarios)
     const std::vector<LoadCase> cases = {
         {"code data temporary and byte order",
          {{"case/data/p.hex", kBasic}},
-         {"case/data/p.hex"},
-         {},
          "name=data\n"
          "code0 size=16 tmp=0 ffeeddccbbaa99887766554433221100\n"
          "  bind ofs=68 buf:40001000 shift=0x0 dev_va=0x0\n"
@@ -101,8 +98,6 @@ TEST(PatternLoad, Scenarios)
          {{"r.hex", relocations("// 1 @40001000\n// 2 @4000\n// 3 @1D9000A0\n// 4 @1D800010\n"
                                 "// 5 @40001010\n// 6 @40009010\n// 7 @3FFFFFF0\n// 8 @40009000\n"
                                 "// 9 @40009100\n")}},
-         {"r.hex"},
-         {},
          "name=@DIR@\ncode0 size=16 tmp=0 00000000000000000000000000000000\n"
          "  bind ofs=1 buf:40001000 shift=0x0 dev_va=0x0\n"
          "  bind ofs=2 out:40009000 shift=0x0 dev_va=0x0\n"
@@ -117,8 +112,6 @@ TEST(PatternLoad, Scenarios)
          {}},
         {"a non-keyword comment in the binding state is a relocation",
          {{"b.hex", relocations("// Code\n")}},
-         {"b.hex"},
-         {},
          "name=@DIR@\ncode0 size=16 tmp=0 00000000000000000000000000000000\n"
          "  bind ofs=0 out:40009000 shift=0x0 dev_va=0x0\n" +
              kRelocData,
@@ -126,63 +119,46 @@ TEST(PatternLoad, Scenarios)
         {"outputs: bad sizes dropped, order ignores case",
          {{"o.hex", "// Outputs\n// @4000a100 {16}\n// @40009000 {32}\n// @4000A000 {0}\n"
                     "// @4000B000 {1073741824}\n// @ {x}\n// plain comment\n// @4000A000 {1073741823}\n"}},
-         {"o.hex"},
-         {},
          "name=@DIR@\nout 40009000 size=32 idx=1\nout 4000A000 size=1073741823 idx=2\nout 4000a100 size=16 idx=0\n",
          {"load_comment():975 invalid out sz \n", "load_comment():966 sscanf fail\n"}},
         {"data must follow an @ line",
          {{"d.hex", "@40000000\n// note between\n\n00000000_00000000_00000000_00000001\n// after data\n"
                     "00000000_00000000_00000000_00000002\n\n00000000_00000000_00000000_00000003\n"
                     "00000000_00000000_00000000_00000004\n"}},
-         {"d.hex"},
-         {},
          "name=@DIR@\ndata 40000000\n size=16 tmp=0 01000000000000000000000000000000\n",
          {"Warning: No '@' keyword before data\n"}},
         {"odd characters, short and long lines",
          {{"x.hex", "@40000000\n0011223_44556677_8899aabb_ccddeeff\nzz\n" + std::string(125, '1') + "\n//\n"}},
-         {"x.hex"},
-         {},
          "name=@DIR@\ndata 40000000\n size=64 tmp=0 "
          "ffffffffffffffffffffffff3f221100ffffffffffffffffffffffffffffffff\n",
          {"load_data():1084 sscanf fail\n", "Warning: comment length < 4\n"}},
         {"a '/' as second character does not start a comment",
          {{"s.hex", "@40000000\n0/112233_44556677_8899aabb_ccddeeff\n"}},
-         {"s.hex"},
-         {},
          "name=@DIR@\ndata 40000000\n size=16 tmp=0 ffeeddccbbaa9988776655443322110f\n",
          {}},
         {"'a/' starts no comment: '@' opens a data buffer",
          {{"c.hex", "a/ Code\n@0\n00000000_00000000_00000000_00000001\n"}},
-         {"c.hex"},
-         {},
          "name=@DIR@\ndata 0\n size=16 tmp=0 01000000000000000000000000000000\n",
          {"Warning: No '@' keyword before data\n"}},
         {"a NUL second character ends the line's text: no data",
          {{"n.hex", std::string("@40000000\n0\0" "112233_44556677_8899aabb_ccddeeff\n", 46) +
                         "00000000_00000000_00000000_00000001\n"}},
-         {"n.hex"},
-         {},
          "name=@DIR@\ndata 40000000\n size=16 tmp=0 01000000000000000000000000000000\n",
          {}},
         {"a buffer's address text keeps 15 characters",
          {{"t.hex", "@0123456789abcdefXYZ\n00000000_00000000_00000000_00000001\n"}},
-         {"t.hex"},
-         {},
          "name=@DIR@\ndata 0123456789abcde size=16 tmp=0 01000000000000000000000000000000\n",
          {}},
         {"two characters at the end of the file are a data line",
          {{"e.hex", "@40000000\n00000000_00000000_00000000_00000001\nab"}},
-         {"e.hex"},
-         {},
          "name=@DIR@\ndata 40000000\n size=32 tmp=0 01000000000000000000000000000000ffffffffffffffffffffffffffffffab\n",
          {"load_data():1084 sscanf fail\n"}},
         {"file kinds",
          {{"stub.bin", "whatever"}},
-         {"stub.bin", "test", "p.HEX", "/nonexistent/none.hex", "missing.bin"},
-         {},
          "name=\n",
          {"Pattern file type: Fail\nPattern file type: Fail\nopen file(/nonexistent/none.hex) \\nopen file(",
-          "missing.bin) error\n"}},
+          "missing.bin) error\n"},
+         {"stub.bin", "test", "p.HEX", "/nonexistent/none.hex", "missing.bin"}},
     };
     for (const LoadCase& c : cases)
         run_case(c);
@@ -296,10 +272,6 @@ TEST(PatternLoad, LimitsAreReportedAndBounded)
               std::string::npos);
     EXPECT_NE(r.out.find("data buf num >= MAX_DATA_NUM(8192)\n"), std::string::npos);
 }
-
-} // namespace
-
-namespace {
 
 // Host allocation failures, through the loaders' allocation seam.
 TEST(PatternLoad, AllocationFailures)

@@ -132,27 +132,21 @@ struct ProcessCase {
     std::string first_line;
 };
 
+// The executable passes on the entry point's result and output (the
+// options themselves are checked in process, above); unknown options are
+// reported by getopt.
 TEST(PlayerExecutable, ExitCodesAndOutput)
 {
     const std::vector<ProcessCase> cases = {
         {"", 1, "./qora_player [options]"},
-        {"-h", 0, "./qora_player [options]"},
-        {"-v", 0, "qora player version : " QORA_EXPECTED_VERSION},
-        {"-u 2 -h", 0, ""},
-        {"-c -1 -v", 0, "[W:parser_options:221] -c QORA core id option needs to be positive"},
         {"-x", 0, "./qora_player [options]"},
         {"-z -v", 0, "qora player version : " QORA_EXPECTED_VERSION},
     };
+    std::string out;
     for (const ProcessCase& c : cases) {
-        std::string out;
         EXPECT_EQ(run_player(c.args, &out), c.rc) << c.args;
         EXPECT_EQ(out.substr(0, out.find('\n')), c.first_line) << c.args;
     }
-}
-
-TEST(PlayerExecutable, UnknownOptionIsReportedByGetopt)
-{
-    std::string out;
     EXPECT_EQ(run_player("-z -v", &out, true), 0);
     EXPECT_NE(out.find("invalid option -- 'z'"), std::string::npos);
 }

@@ -56,6 +56,13 @@ int run_player(const std::string& args, std::string* out, bool with_stderr, cons
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+std::string hex_line(uint32_t w0, uint32_t w1, uint32_t w2, uint32_t w3)
+{
+    char text[40];
+    snprintf(text, sizeof(text), "%08x_%08x_%08x_%08x\n", w3, w2, w1, w0);
+    return text;
+}
+
 std::string make_tmp_dir(const std::string& name)
 {
     std::string dir = std::string(QORA_TEST_TMPDIR) + "/" + name;

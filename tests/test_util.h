@@ -21,6 +21,9 @@ int call_entry(const std::vector<std::string>& args, std::string* out);
 // env(1) first: options such as "-C dir", then NAME=VALUE settings.
 int run_player(const std::string& args, std::string* out, bool with_stderr = false, const std::string& env = "");
 
+// One data line of a pattern or golden file: four words, the last one first.
+std::string hex_line(uint32_t w0, uint32_t w1, uint32_t w2, uint32_t w3);
+
 // A scratch directory for one test, emptied when it is made.
 std::string make_tmp_dir(const std::string& name);
 void write_file(const std::string& path, const std::string& content);
