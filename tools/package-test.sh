@@ -173,7 +173,7 @@ mkdir -p "$root/tmp/debs"
 cp "$work/$host"/*.deb "$root/tmp/debs/"
 packages=$(for d in "$work/$host"/*.deb; do dpkg-deb -f "$d" Package; done | tr '\n' ' ')
 # shellcheck disable=SC2086 # a list of file names
-in_root /bin/sh -c "DEBIAN_FRONTEND=noninteractive apt-get $apt_options install -y -qq \
+in_root /bin/sh -c "DEBIAN_FRONTEND=noninteractive apt-get $apt_options install -y -qq --no-install-recommends \
   $(cd "$work/$host" && ls ./*.deb | sed 's|^\./|/tmp/debs/|' | tr '\n' ' ') >/tmp/install.log 2>&1" ||
   { cat "$root/tmp/install.log"; fail "the packages did not install"; }
 
