@@ -4,6 +4,7 @@ import glob
 import json
 import os
 import random
+import re
 import subprocess
 
 import numpy as np
@@ -149,18 +150,20 @@ OUTPUTS = {"40009000": 64, "4000A000": 20, "40000000": 4096}
 PATTERN = "// Output\n" + "".join(f"// @{name} {{{size}}}\n" for name, size in OUTPUTS.items())
 
 
-def length_of(name):
-    """The player's rule: the first output, in address order, whose name
-    begins with the region's name."""
-    for output in sorted(OUTPUTS, key=str.lower):
-        if output.startswith(name):
-            return OUTPUTS[output]
-    return 0
+def sizer(outputs):
+    """The player's rule for a region's length: the size of the first
+    output, in address order, whose name begins with the region's name."""
+    def length_of(name):
+        for output in sorted(outputs, key=str.lower):
+            if output.startswith(name):
+                return outputs[output]
+        return 0
+    return length_of
 
 
-def reader_view(path, fast):
+def reader_view(path, fast, outputs=OUTPUTS):
     try:
-        regions = read_text_golden(path, length_of, fast)
+        regions = read_text_golden(path, sizer(outputs), fast)
     except GoldenError:
         regions = []
     lines = [f"{r.length} {r.data.tobytes().hex()} {r.mask.tobytes().hex()}" for r in regions] or ["fail"]
@@ -168,10 +171,22 @@ def reader_view(path, fast):
     return lines, len(set(names)) < len(names)
 
 
-def player_view(tmp, golden):
-    subprocess.run([DRIVER, str(tmp / "p.hex"), golden, str(tmp / "r.txt")], check=True,
+def player_view(tmp, golden, pattern=None):
+    subprocess.run([DRIVER, pattern or str(tmp / "p.hex"), golden, str(tmp / "r.txt")], check=True,
                    stdout=subprocess.DEVNULL)
     return (tmp / "r.txt").read_text().splitlines()
+
+
+def test_reader_agrees_on_the_authored_patterns(runs, tmp_path):
+    for pattern, golden in [("conv_demo/pattern.hex", "conv_demo/golden.hex"),
+                            ("conv_demo/pattern.hex", "bad_golden.hex"),
+                            ("max_pwr4_pi_test/pattern.hex", "max_pwr4_pi_test/cmodel_output.hex")]:
+        pattern, golden = os.path.join(runs["dir"], pattern), os.path.join(runs["dir"], golden)
+        outputs = {name: int(size) for name, size in re.findall(r"^// @(\S+) \{(\d+)\}$", open(pattern).read(), re.M)}
+        player = player_view(tmp_path, golden, pattern)
+        assert player != ["fail"]
+        assert reader_view(golden, True, outputs)[0] == player
+        assert reader_view(golden, False, outputs)[0] == player
 
 
 def generated_goldens(count, seed=17):
