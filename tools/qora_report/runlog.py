@@ -271,7 +271,7 @@ class _Reader:
         log["verdict"] = verdict or "incomplete"
         log["exit_status"] = EXIT_STATUS.get(log["verdict"])
         settings = log["settings"]
-        events = sorted({k for loop in loops for s in loop["subcommands"] for k in _events(s)})
+        events = sorted({k for loop in loops for s in loop["subcommands"] for r in pmu_counts(s) for k in r})
         settings["pmu_events"] = events
         settings["flusher"] = any(s.get("pmu", {}).get("mode") == "flusher"
                                   for loop in loops for s in loop["subcommands"])
@@ -286,14 +286,11 @@ def _stops_the_build(log):
             or any(LOADER_FAILURE.match(m) for m in log["loader_messages"]))
 
 
-def _events(sub):
-    pmu = sub.get("pmu")
-    if not pmu:
-        return []
-    names = set(pmu["counts"])
-    for flow in pmu.get("flows", []):
-        names |= set(flow["counts"])
-    return names
+def pmu_counts(sub):
+    """The event-count records of a sub-command: its normal-mode counts and
+    one per flusher flow."""
+    pmu = sub.get("pmu", {})
+    return [pmu.get("counts", {})] + [flow["counts"] for flow in pmu.get("flows", [])]
 
 
 def parse_log(path):

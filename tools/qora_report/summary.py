@@ -8,7 +8,7 @@ JUnit test suite per log (board) and one test case per loop.
 import json
 import xml.etree.ElementTree as ET
 
-from .runlog import LogError, board_name, parse_log
+from .runlog import LogError, board_name, parse_log, pmu_counts
 
 SCHEMA = "qora_report.summary/1"
 TIME_FIELDS = ("execute_us", "ip_us", "driver_us")
@@ -43,8 +43,7 @@ def loop_pmu_counts(loop):
     """Event counts of a loop, summed over sub-commands and flows."""
     counts = {}
     for sub in loop["subcommands"]:
-        pmu = sub.get("pmu", {})
-        for record in [pmu.get("counts", {})] + [f["counts"] for f in pmu.get("flows", [])]:
+        for record in pmu_counts(sub):
             for event, count in record.items():
                 counts[event] = counts.get(event, 0) + count
     return counts
