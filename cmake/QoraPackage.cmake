@@ -19,6 +19,7 @@
 #                                  vendor's libkvx_mdw.so.2
 #   bin/qora_player_model          runs qora_player on the model
 #   share/man/man1/qora_player_model.1, its bash completion
+#   bin/kvx_asm, share/man/man1/kvx_asm.1   the assembler of engine code
 #
 # The Debian packages (debian/) split this install into libqora-ut3,
 # libqora-ut-dev, qora-player, qora-report and qora-engine-model.
@@ -67,6 +68,8 @@ if(QORA_ENGINE_MODEL)
     ${CMAKE_BINARY_DIR}/qora_player_model @ONLY)
   install(PROGRAMS ${CMAKE_BINARY_DIR}/qora_player_model DESTINATION ${CMAKE_INSTALL_BINDIR})
   install(FILES ${CMAKE_SOURCE_DIR}/docs/qora_player_model.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(TARGETS kvx_asm_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(FILES ${CMAKE_SOURCE_DIR}/docs/kvx_asm.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
   install(FILES ${CMAKE_SOURCE_DIR}/app/qora_player.bash-completion
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME qora_player_model)
 endif()

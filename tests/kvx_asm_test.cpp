@@ -222,13 +222,21 @@ const struct {
      "02100103_00000006_00000005_00030302\n00000000_00000201_00000000_00070108\n"
      "00000000_00000000_00000000_00000009\n",
      ""},
+    // Only code buffers are listed, each from offset 0; a comment inside a
+    // binding table is a relocation, so "// Code" there opens no code buffer.
     {"-d -",
-     "// Code\n@0\n02100103_00000006_00000005_00030302\r\n// Binding\n00000000_00000000_00070108_0000000A\n"
-     "0000000_00000000_00000000_00000000\n",
+     "// Output\n// @40009000 {32}\n// Data\n@40000000\n00000000_00000000_00070108_0000000A\n\n"
+     "// Code\n@0\n02100103_00000006_00000005_00030302\r\n00000000_00000000_00070108_0000000A\n\n"
+     "// Code\n@1\n00000000_00000000_00000000_00070108\n\n"
+     "// Binding\n// 4 @40009000\n// Code\n@2\n00000000_00000000_00000000_00070108\n",
      0,
-     "0x0000: SETR r3, 0x00000005, 0x00000006\n0x000c: MOVE r0, r1, r2\n0x0010: .word 0x0000000a\n"
-     "0x0014: FLOW 7\n0x0018: END\n0x001c: END\n",
+     "; @40000000: data, 16 bytes\n"
+     "; @0: code, 32 bytes\n0x0000: SETR r3, 0x00000005, 0x00000006\n0x000c: MOVE r0, r1, r2\n"
+     "0x0010: .word 0x0000000a\n0x0014: FLOW 7\n0x0018: END\n0x001c: END\n"
+     "; @1: code, 16 bytes\n0x0000: FLOW 7\n0x0004: END\n0x0008: END\n0x000c: END\n"
+     "; @2: data, 16 bytes\n",
      ""},
+    {"-d -", "// Code\n@0\n0000000_00000000_00000000_00000000\n", 1, "", "line 3: not a code line"},
     {"-", "END\nBAD\n", 1, "", "kvx_asm: standard input: line 2: unknown mnemonic 'BAD'\n"},
     {"", "", 1, "", "give a source, -d FILE or --table"},
     {"-d", "", 1, "", "-d needs a file"},
@@ -249,6 +257,7 @@ TEST(KvxAsmCli, AssemblesDisassemblesAndReportsErrors)
     EXPECT_EQ(run_asm(dir, "-d " + dir + "/code.hex", "").out,
               "0x0000: SETR r0, 0x00000007\n0x0008: .word 0x52100103 ; MOVE r0, r1, r2\n0x000c: END\n");
     EXPECT_EQ(run_asm(dir, "-h", "").out.rfind("usage: kvx_asm", 0), 0u);
+    EXPECT_EQ(run_asm(dir, "--version", "").out, "kvx_asm " QORA_EXPECTED_VERSION "\n");
 }
 
 } // namespace

@@ -21,7 +21,8 @@ for f in bin/qora_player{,_model} "$libdir"/libqora_ut.so{".$version",.3,} inclu
          "$libdir/cmake/qora_ut/qora_utConfig.cmake" "$libdir/pkgconfig/qora_ut.pc" \
          "$libdir"/qora_ut/engine-model/{libkvx_mdw.so.2,include/korvex.h,cmake/qora_utEngineModel.cmake} \
          share/man/man1/qora_player{,_model}.1 share/bash-completion/completions/qora_player{,_model} \
-         bin/qora_report share/qora-report/qora_report/cli.py share/man/man1/qora_report.1; do
+         bin/qora_report share/qora-report/qora_report/cli.py share/man/man1/qora_report.1 \
+         bin/kvx_asm share/man/man1/kvx_asm.1; do
   test -e "$prefix/$f" || test -e "$prefix/$f.gz" || fail "missing in install: $f"
 done
 test ! -e "$prefix/$libdir/libkvx_mdw.so.2" || fail "engine model on the library path"
@@ -30,6 +31,7 @@ grep -qx "prefix=$prefix" "$prefix/$libdir/pkgconfig/qora_ut.pc" || fail "qora_u
 # The player runs on the model through the wrapper, from any directory and
 # through a symbolic link; without it the loader finds no middleware.
 LD_LIBRARY_PATH=$model:$libpath "$prefix/bin/qora_player" -v | grep -qx "qora player version : $version"
+"$prefix/bin/kvx_asm" --version | grep -qx "kvx_asm $version" || fail "kvx_asm --version is not $version"
 ln -s "$prefix/bin/qora_player_model" "$work/player-link"
 (cd / && "$work/player-link" -f Test) | tail -1 | grep -q "Verify pattern 1 times : success" ||
   fail "qora_player_model -f Test did not verify"
