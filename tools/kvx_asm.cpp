@@ -31,6 +31,7 @@ const char kUsage[] = "usage: kvx_asm [-o FILE] SOURCE    assemble SOURCE into c
                       "       kvx_asm [-o FILE] -d FILE   list the code buffers of the pattern FILE\n"
                       "       kvx_asm [-o FILE] --table   print the markdown instruction table\n"
                       "       kvx_asm --version           print the version\n"
+                      "       kvx_asm -h, --help          print this usage\n"
                       "\"-\" reads standard input; the output goes to FILE of -o, else standard output.\n";
 
 struct options {
