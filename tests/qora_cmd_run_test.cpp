@@ -155,7 +155,8 @@ TEST_F(RunMode, TheEngineReadsWhatThePlayerWrote)
          {"evt:0x000c, cnt: 0\n", "evt:0x0101, cnt: 5\n", "success"}, {"cb#7"}, {"Warning"}},
         {"14 PMU events are refused", "",
          copy + "-p 1 -p 2 -p 3 -p 4 -p 5 -p 6 -p 7 -p 8 -p 9 -p a -p b -p c -p d -p e", 1,
-         {"Warning: The number of PMU events > 14\n"}, {"korvexSubCmd_addCmdBuf(subcmd#1, null, KORVEX_CB_IN) = -1"}, {}},
+         {"Warning: The number of PMU events > 14\n"}, {"korvexSubCmd_addCmdBuf(subcmd#1, null, KORVEX_CB_IN) = -1"},
+         {"Run command", "Verify", "[E:"}}, // the warning is the last line
         {"priority 13 is 5", "", copy + "--force_priority 13", 0, {"set priority = 5\n", "success"},
          {"engine_run(subcmd#1, core 0, priority 5, 1000 MHz) = cause 0x00"}, {}},
         {"priority 8 is 0", "", copy + "--force_priority 8", 0, {"success"},

@@ -125,6 +125,9 @@ TEST_F(Firmware, NoBootSectionIsRefused)
     int rc = -2;
     EXPECT_EQ(convert(elf, &rc), "no .qora_boot section in " + elf + "\n");
     EXPECT_EQ(rc, -1);
+    std::string header = dir + "/qora_fw_" + dir.substr(dir.rfind('/') + 1) + ".h";
+    EXPECT_TRUE(std::ifstream(header).good()); // the header is created and left empty
+    EXPECT_EQ(read_file(header), "");
 }
 
 TEST_F(Firmware, LargeSectionsAreCut)
