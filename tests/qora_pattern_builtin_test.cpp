@@ -13,6 +13,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "test_util.h"
@@ -64,35 +65,30 @@ header_facts read_tables(const B* binding, const D* data, const unsigned char* o
     return f;
 }
 
-header_facts conv2d_uint8_facts()
+// A null mask has no bytes; a mask array, its size.
+template <class T>
+size_t mask_bytes(const T& mask)
 {
-    using namespace hdr;
-    header_facts f = read_tables(conv2d_uint8_binding, conv2d_uint8_data, conv2d_uint8_Output);
-    f.cmd_len = conv2d_uint8_cmd_len;
-    f.command_size = sizeof(conv2d_uint8_Command);
-    f.output_size = sizeof(conv2d_uint8_Output);
-    f.binding_num = conv2d_uint8_binding_num;
-    f.data_num = conv2d_uint8_data_num;
-    f.golden_size = sizeof(conv2d_uint8_golden);
-    f.golden_len = conv2d_uint8_golden_len;
-    f.mask_size = conv2d_uint8_golden_mask == NULL ? 0 : 1;
-    return f;
+    if constexpr (std::is_array_v<T>)
+        return sizeof(mask);
+    else
+        return mask == NULL ? 0 : 1;
 }
 
-header_facts max_pwr4_pi_test_facts()
-{
-    using namespace hdr;
-    header_facts f = read_tables(max_pwr4_pi_test_binding, max_pwr4_pi_test_data, max_pwr4_pi_test_Output);
-    f.cmd_len = max_pwr4_pi_test_cmd_len;
-    f.command_size = sizeof(max_pwr4_pi_test_Command);
-    f.output_size = sizeof(max_pwr4_pi_test_Output);
-    f.binding_num = max_pwr4_pi_test_binding_num;
-    f.data_num = max_pwr4_pi_test_data_num;
-    f.golden_size = sizeof(max_pwr4_pi_test_golden);
-    f.golden_len = max_pwr4_pi_test_golden_len;
-    f.mask_size = sizeof(max_pwr4_pi_test_golden_mask);
-    return f;
-}
+// The facts of the tables a header generated under NAME declares.
+#define HEADER_FACTS(NAME)                                                                     \
+    [] {                                                                                       \
+        header_facts f = read_tables(hdr::NAME##_binding, hdr::NAME##_data, hdr::NAME##_Output); \
+        f.cmd_len = hdr::NAME##_cmd_len;                                                       \
+        f.command_size = sizeof(hdr::NAME##_Command);                                          \
+        f.output_size = sizeof(hdr::NAME##_Output);                                            \
+        f.binding_num = hdr::NAME##_binding_num;                                               \
+        f.data_num = hdr::NAME##_data_num;                                                     \
+        f.golden_size = sizeof(hdr::NAME##_golden);                                            \
+        f.golden_len = hdr::NAME##_golden_len;                                                 \
+        f.mask_size = mask_bytes(hdr::NAME##_golden_mask);                                     \
+        return f;                                                                              \
+    }
 
 const struct builtin {
     const char* reserved;
@@ -101,13 +97,13 @@ const struct builtin {
     header_facts expected;
     int convolutions; // CONV instructions each code buffer runs
 } kBuiltins[] = {
-    {"Test", "conv2d_uint8", conv2d_uint8_facts,
+    {"Test", "conv2d_uint8", HEADER_FACTS(conv2d_uint8),
      {0x20, 320, 51200, 4, 4,
       {"68 40000000 0 0", "112 40001000 0 0", "148 40005000 0 0", "272 Output 0 0"},
       {"Command 320 0 0", "40000000 128 0 0", "40005000 230400 0 0", "40001000 9216 0 0"},
       true, 51200, 51200, 0},
      1},
-    {"MaxPower", "max_pwr4_pi", max_pwr4_pi_test_facts,
+    {"MaxPower", "max_pwr4_pi", HEADER_FACTS(max_pwr4_pi_test),
      {0x41, 672, 294912, 6, 5,
       {"72 40000000 0 0", "168 40008000 0 0", "228 40001000 0 0", "432 40006000 0 0", "436 40006000 0 0",
        "604 Output 0 0"},
