@@ -7,7 +7,7 @@
 #include "qora_utils.h"
 
 // A random boost for one sub-command: about 8% of runs get 0, 7% get 100
-// and 8% get turbo (returned as 101).
+// and 8% get turbo (returned as 110).
 static int random_boost()
 {
     std::random_device source("default");
