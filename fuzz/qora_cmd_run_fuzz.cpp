@@ -50,9 +50,6 @@
 #include "qora_pattern_store.h"
 #include "qora_player.h"
 
-// Defined by the command layer; one qoraCmd per process never empties it.
-extern std::vector<qora_cmd*> cmd_list;
-
 namespace {
 
 enum : uint32_t {

@@ -38,6 +38,7 @@ struct binding {
 #define QORA_PLAY_MARKER 0x59414C50u // "PLAY" in memory order
 #define QORA_PMU_MAX_EVENT 14
 #define QORA_CMD_BUF_ALIGN 256 // alignment of the command buffers the player allocates
+#define QORA_VLM_SIZE 0x100000u // on-chip memory a sub-command may use
 
 struct __attribute__((packed)) qora_cmd_info {
     uint32_t code_offset;
@@ -119,6 +120,12 @@ struct qora_cmd {
 };
 
 class qoraPattern;
+
+// One record of command-buffer pointers per code buffer, in code order. Never
+// emptied: only one qoraCmd is made per process.
+extern std::vector<qora_cmd*> cmd_list;
+// The command of the current run.
+extern korvex_cmd_t* korvex_cmd;
 
 // Index of the first 32-bit word at or after `from`, below `words`, where
 // `out` and `golden` differ (in the bits `mask` sets, when it is given);

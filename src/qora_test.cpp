@@ -6,6 +6,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <string>
+#include <vector>
 
 #include "qora_test_settings.h"
 #include "qora_utils.h"
@@ -41,77 +43,98 @@ enum long_only_opt {
     OPT_FORCE_PRIORITY = 9,
 };
 
-static const struct option long_opts[] = {
-    {"pattern", required_argument, nullptr, 'f'},
-    {"golden", required_argument, nullptr, 'g'},
-    {"loop", required_argument, nullptr, 'l'},
-    {"sleep", required_argument, nullptr, 's'},
-    {"core", required_argument, nullptr, 'c'},
-    {"boost", required_argument, nullptr, 'b'},
-    {"delay_off", required_argument, nullptr, OPT_DELAY_OFF},
-    {"soft", required_argument, nullptr, 'o'},
-    {"hard", required_argument, nullptr, 'a'},
-    {"thread", required_argument, nullptr, 't'},
-    {"dump_output", no_argument, nullptr, OPT_DUMP_OUTPUT},
-    {"debug", required_argument, nullptr, 'd'},
-    {"pmu", required_argument, nullptr, 'p'},
-    {"flusher", no_argument, nullptr, OPT_FLUSHER},
-    {"unittest", required_argument, nullptr, 'u'},
-    {"help", no_argument, nullptr, 'h'},
-    {"version", no_argument, nullptr, 'v'},
-    {"gen", required_argument, nullptr, OPT_GEN},
-    {"gen_use_dirname", no_argument, nullptr, OPT_GEN_USE_DIRNAME},
-    {"gen_fw", required_argument, nullptr, OPT_GEN_FW},
-    {"force_priority", required_argument, nullptr, OPT_FORCE_PRIORITY},
-    {"no_vlm", no_argument, nullptr, OPT_NO_VLM},
-    {"perf_mode", no_argument, nullptr, OPT_PERF_MODE},
-    {"hex2bin", required_argument, nullptr, 'B'},
-    {nullptr, 0, nullptr, 0},
+// Every option once, in the order of the usage text: its long name, whether
+// it takes a value, its short letter (or long-only id), and its usage lines.
+// Rows without a name are usage text only. The getopt tables below are
+// derived from this one.
+struct option_row {
+    const char* name;
+    int has_arg;
+    int val;
+    const char* usage;
 };
 
-static const char* const usage_lines[] = {
-    "./qora_player [options]",
-    "    -f, --pattern   <pattern file>: set input pattern file",
-    "                                    [internal pattern]",
-    "                                        -f Test     : conv2d_uint8",
-    "                                        -f MaxPower : MaxPower",
-    "    -g, --golden    <golden file> : set input golden file",
-    "    -l, --loop      <loop count>  : set loop count",
-    "    -s, --sleep     <sleep time>  : set sleep time(ms) between loop",
-    "    -c, --core      <core mask>   : set core id mask",
-    "                                    <ex> set core 0 or core 1",
-    "                                      -> mask = bit(0) + bit(1) = 3",
-    "    -b, --boost     <boost value> : set boost value (0~110, -1: random)",
-    "    -o, --soft      <limit value> : set soft limit(ms)",
-    "    -a, --hard      <limit value> : set hard limit(ms)",
-    "    -t, --thread    <thread num>  : set thread number for UT",
-    "    -d, --debug     <mode mask>   : set debug mode (default:1)",
-    "                                        bit 0: enable cmd info",
-    "                                        bit 1: enable mem info",
-    "                                        bit 2: enable perf info",
-    "        --delay_off <delay time>  : set delay power off time(ms)",
-    "        --dump_output             : dump output data (output[0-9].bin)",
-    "    -p, --pmu       <event>       : set pmu event(hex)",
-    "                                    <ex>  pmu event = 0x1708",
-    "                                          -> engine id = 0x17, event id = 0x08",
-    "        --flusher                 : enable pmu flusher mode",
-    "        --perf_mode               : enable performance mode",
-    "        --no_vlm                  : access korvex tcm directly",
-    "    -u, --unittest  <ip_ver>      : set ip version for unint test",
-    "---------------------------------------------------------------",
-    "    -h, --help                    : show usage menu",
-    "    -v, --version                 : show player version",
-    "        --gen             <name>  : generate {pattern_name}.h",
-    "        --gen_use_dirname         : generate {parent_dir_name}.h",
-    "        --gen_fw          <name>  : generate {fw_name}.h",
-    "        --force_priority  <level> : set priority level (0~7)",
-    "    -B, --hex2bin         <file>  : convert hex (ctp log) to binary",
+static const option_row option_rows[] = {
+    {nullptr, 0, 0, "./qora_player [options]"},
+    {"pattern", required_argument, 'f',
+     "    -f, --pattern   <pattern file>: set input pattern file\n"
+     "                                    [internal pattern]\n"
+     "                                        -f Test     : conv2d_uint8\n"
+     "                                        -f MaxPower : MaxPower"},
+    {"golden", required_argument, 'g', "    -g, --golden    <golden file> : set input golden file"},
+    {"loop", required_argument, 'l', "    -l, --loop      <loop count>  : set loop count"},
+    {"sleep", required_argument, 's', "    -s, --sleep     <sleep time>  : set sleep time(ms) between loop"},
+    {"core", required_argument, 'c',
+     "    -c, --core      <core mask>   : set core id mask\n"
+     "                                    <ex> set core 0 or core 1\n"
+     "                                      -> mask = bit(0) + bit(1) = 3"},
+    {"boost", required_argument, 'b', "    -b, --boost     <boost value> : set boost value (0~110, -1: random)"},
+    {"soft", required_argument, 'o', "    -o, --soft      <limit value> : set soft limit(ms)"},
+    {"hard", required_argument, 'a', "    -a, --hard      <limit value> : set hard limit(ms)"},
+    {"thread", required_argument, 't', "    -t, --thread    <thread num>  : set thread number for UT"},
+    {"debug", required_argument, 'd',
+     "    -d, --debug     <mode mask>   : set debug mode (default:1)\n"
+     "                                        bit 0: enable cmd info\n"
+     "                                        bit 1: enable mem info\n"
+     "                                        bit 2: enable perf info"},
+    {"delay_off", required_argument, OPT_DELAY_OFF, "        --delay_off <delay time>  : set delay power off time(ms)"},
+    {"dump_output", no_argument, OPT_DUMP_OUTPUT,
+     "        --dump_output             : dump output data (output[0-9].bin)"},
+    {"pmu", required_argument, 'p',
+     "    -p, --pmu       <event>       : set pmu event(hex)\n"
+     "                                    <ex>  pmu event = 0x1708\n"
+     "                                          -> engine id = 0x17, event id = 0x08"},
+    {"flusher", no_argument, OPT_FLUSHER, "        --flusher                 : enable pmu flusher mode"},
+    {"perf_mode", no_argument, OPT_PERF_MODE, "        --perf_mode               : enable performance mode"},
+    {"no_vlm", no_argument, OPT_NO_VLM, "        --no_vlm                  : access korvex tcm directly"},
+    {"unittest", required_argument, 'u', "    -u, --unittest  <ip_ver>      : set ip version for unint test"},
+    {nullptr, 0, 0, "---------------------------------------------------------------"},
+    {"help", no_argument, 'h', "    -h, --help                    : show usage menu"},
+    {"version", no_argument, 'v', "    -v, --version                 : show player version"},
+    {"gen", required_argument, OPT_GEN, "        --gen             <name>  : generate {pattern_name}.h"},
+    {"gen_use_dirname", no_argument, OPT_GEN_USE_DIRNAME,
+     "        --gen_use_dirname         : generate {parent_dir_name}.h"},
+    {"gen_fw", required_argument, OPT_GEN_FW, "        --gen_fw          <name>  : generate {fw_name}.h"},
+    {"force_priority", required_argument, OPT_FORCE_PRIORITY,
+     "        --force_priority  <level> : set priority level (0~7)"},
+    {"hex2bin", required_argument, 'B', "    -B, --hex2bin         <file>  : convert hex (ctp log) to binary"},
 };
+
+// getopt_long's table: the named rows, then the terminating zero row.
+static std::vector<struct option> long_options()
+{
+    std::vector<struct option> opts;
+    for (const option_row& row : option_rows)
+        if (row.name != nullptr)
+            opts.push_back({row.name, row.has_arg, nullptr, row.val});
+    opts.push_back({nullptr, 0, nullptr, 0});
+    return opts;
+}
+
+// Long-only options have small ids below every letter.
+static bool is_letter_option(int val)
+{
+    return val >= 'A';
+}
+
+// The short-option string: each letter, with ':' when it takes a value.
+static std::string short_options()
+{
+    std::string letters;
+    for (const option_row& row : option_rows) {
+        if (row.name == nullptr || !is_letter_option(row.val))
+            continue;
+        letters += (char)row.val;
+        if (row.has_arg == required_argument)
+            letters += ':';
+    }
+    return letters;
+}
 
 void ShowHelp()
 {
-    for (const char* line : usage_lines)
-        puts(line);
+    for (const option_row& row : option_rows)
+        puts(row.usage);
 }
 
 // What the parser decided: return a value at once, or go on to the modes.
@@ -126,35 +149,41 @@ static int to_int(const char* arg)
     return (int)strtol(arg, nullptr, 10);
 }
 
+// Options whose value names a file or an output; a missing value shows
+// the usage and ends the call with 1.
+static int apply_name_option(int opt, const char* arg)
+{
+    if (arg == nullptr) {
+        ShowHelp();
+        return PARSE_RETURN_1;
+    }
+    switch (opt) {
+    case 'f': pattern_list.emplace_back(arg); break;
+    case 'g': golden_list.emplace_back(arg); break;
+    case OPT_GEN: gen_hdr_name = arg; break;
+    case OPT_GEN_FW: fw_elf = arg; break;
+    default: hex2bin = arg; break;
+    }
+    return PARSE_GO_ON;
+}
+
+static void apply_core_option(const char* arg)
+{
+    core_id = to_int(arg);
+    if (core_id < 0) {
+        QORA_LOG_AT("W", "parser_options", 221, "-c QORA core id option needs to be positive\n");
+        core_id = 0;
+    }
+}
+
 // Stores one option's value; returns PARSE_GO_ON or the value to return now.
 static int apply_option(int opt, const char* arg)
 {
     switch (opt) {
-    case 'f': case 'g': case OPT_GEN: case OPT_GEN_FW: case 'B':
-        if (arg == nullptr) {
-            ShowHelp();
-            return PARSE_RETURN_1;
-        }
-        if (opt == 'f')
-            pattern_list.emplace_back(arg);
-        else if (opt == 'g')
-            golden_list.emplace_back(arg);
-        else if (opt == OPT_GEN)
-            gen_hdr_name = arg;
-        else if (opt == OPT_GEN_FW)
-            fw_elf = arg;
-        else
-            hex2bin = arg;
-        break;
+    case 'f': case 'g': case OPT_GEN: case OPT_GEN_FW: case 'B': return apply_name_option(opt, arg);
     case 'l': loop = to_int(arg); break;
     case 's': sleep_time_us = (int)((uint32_t)strtol(arg, nullptr, 10) * 1000u); break;
-    case 'c':
-        core_id = to_int(arg);
-        if (core_id < 0) {
-            QORA_LOG_AT("W", "parser_options", 221, "-c QORA core id option needs to be positive\n");
-            core_id = 0;
-        }
-        break;
+    case 'c': apply_core_option(arg); break;
     case 'b': boost_value = to_int(arg); break;
     case OPT_DELAY_OFF: delay_off_ms = to_int(arg); break;
     case 'o': soft_limit = to_int(arg); break;
@@ -170,14 +199,8 @@ static int apply_option(int opt, const char* arg)
             return PARSE_RETURN_0;
         }
         break;
-    case 'h':
-        ShowHelp();
-        do_nothing = true;
-        break;
-    case 'v':
-        printf("qora player version : %s\n", QORA_PLAYER_VERSION);
-        do_nothing = true;
-        break;
+    case 'h': ShowHelp(); do_nothing = true; break;
+    case 'v': printf("qora player version : %s\n", QORA_PLAYER_VERSION); do_nothing = true; break;
     case OPT_GEN_USE_DIRNAME: folder_as_name = true; break;
     case OPT_FORCE_PRIORITY: prio_lv = to_int(arg); break;
     case OPT_NO_VLM: vlm_disable = true; break;
@@ -196,8 +219,10 @@ static int parser_options(int argc, char** argv)
     // getopt_long keeps its position in globals; start each call afresh so
     // that the entry point can be called more than once in a process.
     optind = 0;
+    static const std::vector<struct option> long_opts = long_options();
+    static const std::string short_opts = short_options();
     int opt;
-    while ((opt = getopt_long(argc, argv, "f:g:l:s:c:b:o:a:t:d:p:u:hvB:", long_opts, nullptr)) != -1) {
+    while ((opt = getopt_long(argc, argv, short_opts.c_str(), long_opts.data(), nullptr)) != -1) {
         int outcome = apply_option(opt, optarg);
         if (outcome != PARSE_GO_ON)
             return outcome;
