@@ -6,6 +6,7 @@
 // process is the supported use.
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "qora_pattern.h"
 #include "qora_pattern_conv.h"
@@ -22,8 +23,10 @@ static int acx_id, qora_id;
 static bool set_binding;
 static int binding_num;
 static int max_data_num;
-static char* data_name_list[MAX_DATA_NUM];
-static int tmp_data_tag[MAX_DATA_NUM];
+// One entry per declared buffer, however many the pattern declares: the
+// data table has a row for each.
+static std::vector<std::string> data_name_list;
+static std::vector<int> tmp_data_tag;
 static bool code_declared;
 bool mask_exist;
 
@@ -95,10 +98,8 @@ static void at_parser(char* str, const std::string& name, FILE* out)
         puts("Warning: buf name too long");
     }
     emit(out, "at_parser", "unsigned char %s[] __attribute__ ((aligned (16))) = {\n", array.c_str());
-    if (max_data_num < MAX_DATA_NUM) {
-        data_name_list[max_data_num] = strdup(array.c_str());
-        tmp_data_tag[max_data_num] = is_tmp ? 1 : 0;
-    }
+    data_name_list.push_back(array);
+    tmp_data_tag.push_back(is_tmp ? 1 : 0);
     max_data_num++;
     is_tmp = false;
     convert_sta = 1;
@@ -117,8 +118,8 @@ static int nearest_buffer(const char* addr, uint32_t v, uint32_t* shift)
     size_t n = strlen(addr);
     int best = 0;
     uint32_t distance = 0x40000000;
-    for (int i = 0; i < max_data_num && i < MAX_DATA_NUM; i++) {
-        const char* name = data_name_list[i];
+    for (int i = 0; i < max_data_num; i++) {
+        const char* name = data_name_list[i].c_str();
         size_t len = strlen(name);
         const char* tail = len > n ? name + len - n : name;
         uint32_t u = hex_of(tail);
@@ -161,7 +162,7 @@ static void binding_row(const char* ofs, const char* addr, const std::string& na
         emit(out, "binding_parser", "    {%s, %s_Output, 0, 0x%x}", ofs, name.c_str(), v - out_base);
         return;
     }
-    const char* target = index < max_data_num && index < MAX_DATA_NUM ? data_name_list[index] : "NULL";
+    const char* target = index < max_data_num ? data_name_list[index].c_str() : "NULL";
     emit(out, "binding_parser", "    {%s, %s, 0, 0x%x}", ofs, target, shift);
     if (index == 0)
         printf("binding warning (addr=%x)\n", v);
@@ -230,8 +231,8 @@ static void write_tables(const std::string& name, FILE* out)
          "struct {\n    unsigned char *data;\n    const char *data_addr_str;\n    unsigned int size;\n"
          "    unsigned int dev_va;\n    unsigned int is_tmp;\n} %s_data[] = {\n",
          name.c_str());
-    for (int i = 0; i < max_data_num && i < MAX_DATA_NUM; i++) {
-        const char* array = data_name_list[i];
+    for (int i = 0; i < max_data_num; i++) {
+        const char* array = data_name_list[i].c_str();
         const char* addr = strrchr(array, '_');
         emit(out, func, "    {%s, \"%s\", sizeof(%s), 0, %d},\n", array, addr ? addr + 1 : array, array,
              tmp_data_tag[i]);

@@ -70,21 +70,33 @@ TEST_F(Conversions, CommandLengthNeedsTheWholeName)
     }
 }
 
-// Past 8,192 data buffers the arrays are still written, the data table
-// stops at its last row.
-TEST_F(Conversions, DataTableEndsAtItsLimit)
+// More buffers than the loader keeps (8,192): the header still has one data
+// row per declared array, its count agrees with its table, and bindings
+// find buffers past the 8,192nd, by name and as the nearest one below.
+TEST_F(Conversions, DataTableHasARowPerBuffer)
 {
     std::string text = "// Output\n// @40009000 {16}\n";
-    for (int i = 0; i < 8194; i++)
+    for (int i = 0; i < 8200; i++)
         text += "@5" + std::to_string(i) + "\n" + hex_line(i, 0, 0, 0) + "\n";
-    text += "// Code\n@0\n" + hex_line(0, 0, 0, 0) + "\n// Binding\n// 4 @50\n";
+    text += "// Code\n@0\n" + hex_line(0, 0, 0, 0) + "\n// Binding\n// 4 @58199\n// 8 @581A8\n";
     write_file(dir + "/p.hex", text);
     std::string out;
     ASSERT_EQ(player("--gen big -f p.hex", &out), 0);
-    std::string h = read_file(dir + "/big.h");
-    EXPECT_NE(h.find("unsigned char big_58193[]"), std::string::npos);
-    EXPECT_NE(h.find("    {big_58191, \"58191\", sizeof(big_58191), 0, 0},\n    {NULL, NULL, 0, 0, 0}\n};\n"),
-              std::string::npos);
+    EXPECT_EQ(out.find("binding warning"), std::string::npos) << out;
+    write_file(dir + "/check.c",
+               "#include <stddef.h>\n#include <string.h>\n#include \"big.h\"\n"
+               "int main(void) {\n"
+               "  size_t rows = sizeof(big_data) / sizeof(big_data[0]) - 1;\n"
+               "  if (rows != 8201 || big_data_num != rows || big_data[rows].data != NULL) return 1;\n"
+               "  for (size_t i = 0; i < rows; i++)\n"
+               "    if (big_data[i].size != 16) return 2;\n"
+               "  if (big_data[8199].data != big_58199 || strcmp(big_data[8199].data_addr_str, \"58199\")) return 3;\n"
+               "  if (big_data[8200].data != big_Command || big_binding_num != 2) return 4;\n"
+               "  if (big_binding[0].data != big_58199 || big_binding[0].shift != 0) return 5;\n"
+               "  if (big_binding[1].data != big_58199 || big_binding[1].shift != 0xf) return 6;\n"
+               "  return big_binding[2].data == NULL ? 0 : 7;\n}\n");
+    std::string cmd = "cd '" + dir + "' && cc -Wall -Werror check.c -o check && ./check";
+    EXPECT_EQ(system(cmd.c_str()), 0);
 }
 
 // The generated header compiles as C and C++ and holds the pattern.

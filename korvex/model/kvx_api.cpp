@@ -1,9 +1,13 @@
 // Engine model: the korvex middleware API. Checks every handle and argument
 // like a strict driver (parameters against their ranges, command buffers
 // attached once per command), applies the test hooks, traces each call, and
-// hands the work to the memory model and the engine.
+// hands the work to the memory model and the engine. No exception leaves a
+// call: when memory runs out it answers failure (null, -1, 0) and leaves
+// every handle as it was.
 #include <algorithm>
+#include <exception>
 #include <iterator>
+#include <memory>
 #include <set>
 #include <string>
 
@@ -197,23 +201,123 @@ struct process_end {
     }
 } g_process_end;
 
-int traced(const char* op, const std::string& args, int result)
+// A call's answer: what `work` returns, or `failure` when memory (or
+// anything else) gives out inside it.
+template <typename Result, typename Work>
+Result guarded(Result failure, Work work) noexcept
 {
-    kvx::trace_call(op, args, std::to_string(result));
-    return result;
+    try {
+        return work();
+    } catch (const std::exception&) {
+        return failure;
+    }
+}
+
+// A call's arguments for the trace, built only when a trace is asked for
+// and before the work, while every handle still has its name.
+template <typename Args>
+std::string trace_args(Args args)
+{
+    return kvx::tracing() ? args() : std::string();
+}
+
+// Appends "<op>(<args>) = <result>" after the work is done. A line that
+// cannot be made for want of memory is left out: the call did its work.
+template <typename Result>
+void trace(const char* op, const std::string& args, Result result) noexcept
+{
+    if (!kvx::tracing())
+        return;
+    try {
+        kvx::trace_call(op, args, result());
+    } catch (const std::exception&) {
+    }
 }
 
 // An int-returning call under the hooks: -1 when it is to fail, 0 without
 // its work when it is to be dropped; otherwise 0 when `work` succeeds.
-template <typename Work>
-int hooked(const char* op, const std::string& args, Work work)
+template <typename Args, typename Work>
+int hooked(const char* op, Args args, Work work) noexcept
 {
-    kvx::hook_action action = kvx::hook_call(op);
-    if (action == kvx::HOOK_DROP) {
-        kvx::trace_call(op, args, "0 (dropped)");
-        return 0;
+    return guarded(-1, [&] {
+        std::string line = trace_args(args);
+        kvx::hook_action action = kvx::hook_call(op);
+        if (action == kvx::HOOK_DROP) {
+            trace(op, line, [] { return std::string("0 (dropped)"); });
+            return 0;
+        }
+        int result = action == kvx::HOOK_NONE && work() ? 0 : -1;
+        trace(op, line, [result] { return std::to_string(result); });
+        return result;
+    });
+}
+
+// New handles are registered before they are handed out; when memory runs
+// out on the way, nothing stays registered and the exception goes on.
+korvex_session* new_session()
+{
+    std::unique_ptr<korvex_session> s(new korvex_session());
+    g_sessions.insert(s.get());
+    s->id = ++g_session_ids;
+    return s.release();
+}
+
+korvex_cmd* new_cmd(korvex_session* session)
+{
+    std::unique_ptr<korvex_cmd> cmd(new korvex_cmd());
+    cmd->session = session;
+    g_cmds.insert(cmd.get());
+    try {
+        session->cmds.push_back(cmd.get());
+    } catch (const std::exception&) {
+        g_cmds.erase(cmd.get());
+        throw;
     }
-    return traced(op, args, action == kvx::HOOK_NONE && work() ? 0 : -1);
+    cmd->id = ++g_cmd_ids;
+    return cmd.release();
+}
+
+korvex_subcmd* new_subcmd(korvex_cmd* cmd)
+{
+    std::unique_ptr<korvex_subcmd> sub(new korvex_subcmd());
+    sub->cmd = cmd;
+    g_subcmds.insert(sub.get());
+    try {
+        cmd->subs.push_back(sub.get());
+    } catch (const std::exception&) {
+        g_subcmds.erase(sub.get());
+        throw;
+    }
+    sub->id = ++g_subcmd_ids;
+    return sub.release();
+}
+
+// Gives a new buffer its trace name ("mem#3"); without memory for the name
+// the buffer goes back and the exception goes on.
+void* named_buffer(korvex_session* session, void* p, const char* kind, uint32_t* ids, bool is_cmdbuf)
+{
+    if (p == nullptr)
+        return nullptr;
+    try {
+        session->names[p] = kind + num(*ids + 1);
+    } catch (const std::exception&) {
+        session->mem.release(p, is_cmdbuf);
+        throw;
+    }
+    ++*ids;
+    return p;
+}
+
+uint64_t run_info(const korvex_subcmd* subcmd, int type)
+{
+    switch (type) {
+    case SC_RUNINFO_IPTIME: return subcmd->ip_us;
+    case SC_RUNINFO_DRIVERTIME: return subcmd->driver_us;
+    case SC_RUNINFO_BANDWIDTH: return subcmd->bandwidth;
+    case KVX_RUNINFO_CAUSE: return subcmd->cause;
+    case KVX_RUNINFO_DETAIL: return subcmd->detail;
+    default: return 0;
+    }
 }
 
 // Whether a command buffer is attached to any sub-command of `cmd`.
@@ -238,20 +342,18 @@ extern "C" {
 
 korvex_session_t* korvexSession_createInstance(void)
 {
-    kvx::hooks_reload();
-    korvex_session* s = nullptr;
-    if (!kvx::hook_fail(__func__)) {
-        s = new korvex_session();
-        s->id = ++g_session_ids;
-        g_sessions.insert(s);
-    }
-    kvx::trace_call(__func__, "", name_of(s));
-    return s;
+    const char* op = __func__;
+    return guarded<korvex_session*>(nullptr, [op] {
+        kvx::hooks_reload();
+        korvex_session* s = kvx::hook_fail(op) ? nullptr : new_session();
+        trace(op, "", [s] { return name_of(s); });
+        return s;
+    });
 }
 
 int korvexSession_deleteInstance(korvex_session_t* session)
 {
-    return hooked(__func__, name_of(session), [&] {
+    return hooked(__func__, [&] { return name_of(session); }, [&] {
         if (!live(session))
             return false;
         while (!session->cmds.empty())
@@ -264,11 +366,15 @@ int korvexSession_deleteInstance(korvex_session_t* session)
 
 uint64_t korvexSession_queryDeviceNum(korvex_session_t* session, korvex_device_type type)
 {
-    uint64_t n = 0;
-    if (!kvx::hook_fail(__func__) && live(session) && type == KORVEX_DEVICE_QORA)
-        n = kvx::hook_cores();
-    kvx::trace_call(__func__, join(name_of(session), device_name(type)), num(n));
-    return n;
+    const char* op = __func__;
+    return guarded<uint64_t>(0, [&] {
+        std::string args = trace_args([&] { return join(name_of(session), device_name(type)); });
+        uint64_t n = 0;
+        if (!kvx::hook_fail(op) && live(session) && type == KORVEX_DEVICE_QORA)
+            n = kvx::hook_cores();
+        trace(op, args, [n] { return num(n); });
+        return n;
+    });
 }
 
 // DRAM takes one of the allocation flags; the VLM handle none.
@@ -285,20 +391,21 @@ static void* alloc_memory(korvex_session* session, unsigned int size, unsigned i
 void* korvexSession_memAlloc(korvex_session_t* session, unsigned int size, unsigned int align,
                              korvex_mem_type type, uint64_t flags)
 {
-    void* p = nullptr;
-    if (!kvx::hook_fail(__func__) && live(session)) {
-        p = alloc_memory(session, size, align, type, flags);
-        if (p != nullptr)
-            session->names[p] = "mem#" + num(++g_mem_ids);
-    }
-    kvx::trace_call(__func__, join(name_of(session), num(size), num(align), mem_type_name(type), num(flags)),
-                    name_of_buffer(session, p));
-    return p;
+    const char* op = __func__;
+    return guarded<void*>(nullptr, [&] {
+        std::string args = trace_args(
+            [&] { return join(name_of(session), num(size), num(align), mem_type_name(type), num(flags)); });
+        void* p = nullptr;
+        if (!kvx::hook_fail(op) && live(session))
+            p = named_buffer(session, alloc_memory(session, size, align, type, flags), "mem#", &g_mem_ids, false);
+        trace(op, args, [&] { return name_of_buffer(session, p); });
+        return p;
+    });
 }
 
 int korvexSession_memFree(korvex_session_t* session, void* host_ptr)
 {
-    return hooked(__func__, join(name_of(session), name_of_buffer(session, host_ptr)), [&] {
+    return hooked(__func__, [&] { return join(name_of(session), name_of_buffer(session, host_ptr)); }, [&] {
         if (!live(session) || !session->mem.release(host_ptr, false))
             return false;
         session->names.erase(host_ptr);
@@ -308,43 +415,49 @@ int korvexSession_memFree(korvex_session_t* session, void* host_ptr)
 
 uint64_t korvexSession_memGetInfoFromHostPtr(korvex_session_t* session, void* host_ptr, korvex_mem_info info)
 {
-    uint64_t v = 0;
-    kvx::allocation* al = nullptr;
-    if (!kvx::hook_fail(__func__) && live(session))
-        al = session->mem.find_host(host_ptr);
-    if (al != nullptr)
-        v = info == KORVEX_MEM_INFO_GET_SIZE ? al->size : info == KORVEX_MEM_INFO_GET_DEVICE_VA ? al->dev_va : 0;
-    kvx::trace_call(__func__, join(name_of(session), name_of_buffer(session, host_ptr), info_name(info)), num(v));
-    return v;
+    const char* op = __func__;
+    return guarded<uint64_t>(0, [&] {
+        std::string args =
+            trace_args([&] { return join(name_of(session), name_of_buffer(session, host_ptr), info_name(info)); });
+        uint64_t v = 0;
+        kvx::allocation* al = nullptr;
+        if (!kvx::hook_fail(op) && live(session))
+            al = session->mem.find_host(host_ptr);
+        if (al != nullptr)
+            v = info == KORVEX_MEM_INFO_GET_SIZE ? al->size : info == KORVEX_MEM_INFO_GET_DEVICE_VA ? al->dev_va : 0;
+        trace(op, args, [v] { return num(v); });
+        return v;
+    });
 }
 
 int korvexSession_memFlush(korvex_session_t* session, void* host_ptr)
 {
-    return hooked(__func__, join(name_of(session), name_of_buffer(session, host_ptr)),
+    return hooked(__func__, [&] { return join(name_of(session), name_of_buffer(session, host_ptr)); },
                   [&] { return live(session) && session->mem.flush(host_ptr); });
 }
 
 int korvexSession_memInvalidate(korvex_session_t* session, void* host_ptr)
 {
-    return hooked(__func__, join(name_of(session), name_of_buffer(session, host_ptr)),
+    return hooked(__func__, [&] { return join(name_of(session), name_of_buffer(session, host_ptr)); },
                   [&] { return live(session) && session->mem.invalidate(host_ptr); });
 }
 
 void* korvexSession_cmdBufAlloc(korvex_session_t* session, uint32_t size, uint32_t align)
 {
-    void* p = nullptr;
-    if (!kvx::hook_fail(__func__) && live(session) && size > 0) {
-        p = session->mem.alloc(size, align, true, false);
-        if (p != nullptr)
-            session->names[p] = "cb#" + num(++g_cb_ids);
-    }
-    kvx::trace_call(__func__, join(name_of(session), num(size), num(align)), name_of_buffer(session, p));
-    return p;
+    const char* op = __func__;
+    return guarded<void*>(nullptr, [&] {
+        std::string args = trace_args([&] { return join(name_of(session), num(size), num(align)); });
+        void* p = nullptr;
+        if (!kvx::hook_fail(op) && live(session) && size > 0)
+            p = named_buffer(session, session->mem.alloc(size, align, true, false), "cb#", &g_cb_ids, true);
+        trace(op, args, [&] { return name_of_buffer(session, p); });
+        return p;
+    });
 }
 
 int korvexSession_cmdBufFree(korvex_session_t* session, void* cmd_buf)
 {
-    return hooked(__func__, join(name_of(session), name_of_buffer(session, cmd_buf)), [&] {
+    return hooked(__func__, [&] { return join(name_of(session), name_of_buffer(session, cmd_buf)); }, [&] {
         if (!live(session) || !session->mem.release(cmd_buf, true))
             return false;
         session->names.erase(cmd_buf);
@@ -354,21 +467,18 @@ int korvexSession_cmdBufFree(korvex_session_t* session, void* cmd_buf)
 
 korvex_cmd_t* korvexSession_createCmd(korvex_session_t* session)
 {
-    korvex_cmd* cmd = nullptr;
-    if (!kvx::hook_fail(__func__) && live(session)) {
-        cmd = new korvex_cmd();
-        cmd->session = session;
-        cmd->id = ++g_cmd_ids;
-        session->cmds.push_back(cmd);
-        g_cmds.insert(cmd);
-    }
-    kvx::trace_call(__func__, name_of(session), name_of(cmd));
-    return cmd;
+    const char* op = __func__;
+    return guarded<korvex_cmd*>(nullptr, [&] {
+        std::string args = trace_args([&] { return name_of(session); });
+        korvex_cmd* cmd = !kvx::hook_fail(op) && live(session) ? new_cmd(session) : nullptr;
+        trace(op, args, [cmd] { return name_of(cmd); });
+        return cmd;
+    });
 }
 
 int korvexSession_deleteCmd(korvex_session_t* session, korvex_cmd_t* cmd)
 {
-    return hooked(__func__, join(name_of(session), name_of(cmd)), [&] {
+    return hooked(__func__, [&] { return join(name_of(session), name_of(cmd)); }, [&] {
         if (!live(session) || !live(cmd) || cmd->session != session)
             return false;
         delete_cmd(cmd);
@@ -381,7 +491,7 @@ int korvexSession_deleteCmd(korvex_session_t* session, korvex_cmd_t* cmd)
 int korvexCmd_setParam(korvex_cmd_t* cmd, korvex_cmd_param_type type_arg, uint64_t value)
 {
     const int type = type_arg;
-    return hooked(__func__, join(name_of(cmd), param_name(kCmdParams, type), num(value)), [&] {
+    return hooked(__func__, [&] { return join(name_of(cmd), param_name(kCmdParams, type), num(value)); }, [&] {
         if (!live(cmd) || cmd->built || !param_in_range(kCmdParams, type, value))
             return false;
         cmd->params[type] = value;
@@ -391,21 +501,20 @@ int korvexCmd_setParam(korvex_cmd_t* cmd, korvex_cmd_param_type type_arg, uint64
 
 korvex_subcmd_t* korvexCmd_createSubcmd(korvex_cmd_t* cmd, korvex_device_type type)
 {
-    korvex_subcmd* sub = nullptr;
-    if (!kvx::hook_fail(__func__) && live(cmd) && !cmd->built && type == KORVEX_DEVICE_QORA) {
-        sub = new korvex_subcmd();
-        sub->cmd = cmd;
-        sub->id = ++g_subcmd_ids;
-        cmd->subs.push_back(sub);
-        g_subcmds.insert(sub);
-    }
-    kvx::trace_call(__func__, join(name_of(cmd), device_name(type)), name_of(sub));
-    return sub;
+    const char* op = __func__;
+    return guarded<korvex_subcmd*>(nullptr, [&] {
+        std::string args = trace_args([&] { return join(name_of(cmd), device_name(type)); });
+        korvex_subcmd* sub = nullptr;
+        if (!kvx::hook_fail(op) && live(cmd) && !cmd->built && type == KORVEX_DEVICE_QORA)
+            sub = new_subcmd(cmd);
+        trace(op, args, [sub] { return name_of(sub); });
+        return sub;
+    });
 }
 
 int korvexCmd_setDependencyPack(korvex_cmd_t* cmd, korvex_subcmd_t* first, korvex_subcmd_t* second)
 {
-    return hooked(__func__, join(name_of(cmd), name_of(first), name_of(second)), [&] {
+    return hooked(__func__, [&] { return join(name_of(cmd), name_of(first), name_of(second)); }, [&] {
         if (!live(cmd) || cmd->built || !live(first) || !live(second) || first->cmd != cmd ||
             second->cmd != cmd || first == second)
             return false;
@@ -416,7 +525,7 @@ int korvexCmd_setDependencyPack(korvex_cmd_t* cmd, korvex_subcmd_t* first, korve
 
 int korvexCmd_build(korvex_cmd_t* cmd)
 {
-    return hooked(__func__, name_of(cmd), [&] {
+    return hooked(__func__, [&] { return name_of(cmd); }, [&] {
         if (!live(cmd) || cmd->built || cmd->subs.empty())
             return false;
         cmd->built = true;
@@ -426,14 +535,14 @@ int korvexCmd_build(korvex_cmd_t* cmd)
 
 int korvexCmd_run(korvex_cmd_t* cmd)
 {
-    return hooked(__func__, name_of(cmd),
+    return hooked(__func__, [&] { return name_of(cmd); },
                   [&] { return live(cmd) && cmd->built && kvx::run_command(cmd, kvx::hook_cores()) == 0; });
 }
 
 int korvexSubCmd_setParam(korvex_subcmd_t* subcmd, korvex_subcmd_param_type type_arg, uint64_t value)
 {
     const int type = type_arg;
-    return hooked(__func__, join(name_of(subcmd), param_name(kSubParams, type), num(value)), [&] {
+    return hooked(__func__, [&] { return join(name_of(subcmd), param_name(kSubParams, type), num(value)); }, [&] {
         if (!open_subcmd(subcmd) || !param_in_range(kSubParams, type, value) ||
             (type == SC_PARAM_CORE_AFFINITY && !cores_exist(value)))
             return false;
@@ -447,7 +556,8 @@ int korvexSubCmd_addCmdBuf(korvex_subcmd_t* subcmd, void* cmd_buf, korvex_cb_dir
 {
     const int direction = direction_arg;
     korvex_session* s = live(subcmd) ? subcmd->cmd->session : nullptr;
-    return hooked(__func__, join(name_of(subcmd), name_of_buffer(s, cmd_buf), direction_name(direction)), [&] {
+    auto args = [&] { return join(name_of(subcmd), name_of_buffer(s, cmd_buf), direction_name(direction)); };
+    return hooked(__func__, args, [&] {
         if (!open_subcmd(subcmd) || s->mem.cmdbuf(cmd_buf) == nullptr || direction < KORVEX_CB_BIDIRECTIONAL ||
             direction > KORVEX_CB_OUT || attached_to(subcmd->cmd, cmd_buf))
             return false;
@@ -458,19 +568,13 @@ int korvexSubCmd_addCmdBuf(korvex_subcmd_t* subcmd, void* cmd_buf, korvex_cb_dir
 
 uint64_t korvexSubCmd_getRunInfo(korvex_subcmd_t* subcmd, korvex_subcmd_runinfo_type type)
 {
-    uint64_t v = 0;
-    if (!kvx::hook_fail(__func__) && live(subcmd)) {
-        switch ((int)type) {
-        case SC_RUNINFO_IPTIME: v = subcmd->ip_us; break;
-        case SC_RUNINFO_DRIVERTIME: v = subcmd->driver_us; break;
-        case SC_RUNINFO_BANDWIDTH: v = subcmd->bandwidth; break;
-        case KVX_RUNINFO_CAUSE: v = subcmd->cause; break;
-        case KVX_RUNINFO_DETAIL: v = subcmd->detail; break;
-        default: break;
-        }
-    }
-    kvx::trace_call(__func__, join(name_of(subcmd), runinfo_name(type)), num(v));
-    return v;
+    const char* op = __func__;
+    return guarded<uint64_t>(0, [&] {
+        std::string args = trace_args([&] { return join(name_of(subcmd), runinfo_name(type)); });
+        uint64_t v = !kvx::hook_fail(op) && live(subcmd) ? run_info(subcmd, type) : 0;
+        trace(op, args, [v] { return num(v); });
+        return v;
+    });
 }
 
 } // extern "C"

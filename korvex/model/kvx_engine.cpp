@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <exception>
 
 #include "kvx_firmware.h"
 #include "kvx_hooks.h"
@@ -42,7 +43,7 @@ static void write_record(allocation* buf, uint32_t offset, const void* data, uin
 {
     if (buf == nullptr || (uint64_t)offset + len > buf->size)
         return;
-    memcpy(buf->device.data() + offset, data, len);
+    memcpy(buf->device + offset, data, len);
     memcpy(buf->host + offset, data, len);
 }
 
@@ -173,6 +174,23 @@ static uint32_t account(korvex_subcmd* sub, const isa_context& ctx, run_status s
     return KVX_CAUSE_NONE;
 }
 
+// Runs the code with the instruction log open, and closes the log even when
+// memory runs out on the way (the exception goes on to the caller).
+static run_status run_logged(isa_context& ctx)
+{
+    run_status status;
+    try {
+        status = run_code(ctx);
+    } catch (const std::exception&) {
+        if (ctx.log != nullptr)
+            fclose(ctx.log);
+        throw;
+    }
+    if (ctx.log != nullptr)
+        fclose(ctx.log);
+    return status;
+}
+
 // Runs one sub-command on `core`; false when it did not finish.
 static bool run_subcmd(korvex_subcmd* sub, uint32_t core, uint32_t waited_us)
 {
@@ -186,16 +204,14 @@ static bool run_subcmd(korvex_subcmd* sub, uint32_t core, uint32_t waited_us)
     }
     isa_context ctx{};
     ctx.mem = &s->mem;
-    ctx.code = v.code->device.data();
+    ctx.code = v.code->device;
     ctx.code_size = v.code->size;
     ctx.pc = v.info.code_offset;
     ctx.vlm_bytes = (uint32_t)param(sub->params, SC_PARAM_VLM_USAGE);
     ctx.cycle_counter_base = s->cycle_counter;
-    ctx.log = open_instruction_log();
     ctx.who = handle_name("subcmd", sub->id, sub);
-    run_status status = run_code(ctx);
-    if (ctx.log != nullptr)
-        fclose(ctx.log);
+    ctx.log = open_instruction_log();
+    run_status status = run_logged(ctx);
     cause = account(sub, ctx, status, &detail);
     uint32_t times[5] = {kPrepareUs, waited_us, 0, (uint32_t)sub->ip_us, kPostProcUs};
     write_record(v.player, offsetof(fw_player_info, out_prepare_us), times, sizeof(times));

@@ -51,7 +51,7 @@ static uint32_t read_player(korvex_subcmd* sub, fw_view* v, std::vector<bool>& n
     if (cause != KVX_CAUSE_NONE)
         return cause;
     uint32_t flag;
-    memcpy(&flag, v->player->device.data() + offsetof(fw_player_info, flag), 4);
+    memcpy(&flag, v->player->device + offsetof(fw_player_info, flag), 4);
     if (flag != 0 && (flag & ~7u) != kPlayerFlagPriority) {
         *detail = flag;
         return KVX_CAUSE_PLAYER_FLAG;
@@ -75,7 +75,7 @@ static uint32_t read_pmu(korvex_subcmd* sub, fw_view* v, std::vector<bool>& name
         cause = slot(sub, index[1], KORVEX_CB_OUT, sizeof(fw_pmu_info_out), &v->pmu_out, detail);
     if (cause != KVX_CAUSE_NONE)
         return cause;
-    memcpy(&v->pmu, in->device.data(), sizeof(v->pmu));
+    memcpy(&v->pmu, in->device, sizeof(v->pmu));
     *detail = index[0];
     if (v->pmu.pmu_mode > 1 || v->pmu.number_of_event > kMaxPmuEvents)
         return KVX_CAUSE_PMU_INFO;
@@ -101,7 +101,7 @@ uint32_t read_command_buffers(korvex_subcmd* sub, fw_view* v, uint32_t* detail)
         cause = slot(sub, 2, KORVEX_CB_IN, 0, &v->code, detail);
     if (cause != KVX_CAUSE_NONE)
         return cause;
-    memcpy(&v->info, info->device.data(), sizeof(v->info));
+    memcpy(&v->info, info->device, sizeof(v->info));
     if (v->info.reserved != kPlayMarker) {
         *detail = v->info.reserved;
         return KVX_CAUSE_NO_MARKER;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "kvx_model.h"
 
@@ -21,17 +22,50 @@ device_memory::device_memory() : m_next_low(kDramBase), m_next_high(kDramHigh), 
 {
 }
 
+static void drop(allocation* al)
+{
+    ::operator delete(al->host, std::align_val_t(al->host_align));
+    delete[] al->device;
+    delete al;
+}
+
 device_memory::~device_memory()
 {
-    for (auto& entry : m_by_host) {
-        free(entry.second->host);
-        delete entry.second;
-    }
+    for (auto& entry : m_by_host)
+        drop(entry.second);
 }
 
 static uint64_t round_up(uint64_t v, uint64_t a)
 {
     return (v + a - 1) / a * a;
+}
+
+// Registers a new allocation whose views are already made. When memory runs
+// out on the way it gives the views back and registers nothing: the caller
+// answers null and the address space stays as it was.
+allocation* device_memory::enter(const allocation& fields)
+{
+    allocation* al = new (std::nothrow) allocation(fields);
+    if (al == nullptr) {
+        ::operator delete(fields.host, std::align_val_t(fields.host_align));
+        delete[] fields.device;
+        return nullptr;
+    }
+    try {
+        m_by_host[(uintptr_t)al->host] = al;
+        if (!al->is_vlm_handle)
+            m_by_device[al->dev_va] = al;
+    } catch (const std::bad_alloc&) {
+        m_by_host.erase((uintptr_t)al->host);
+        drop(al);
+        return nullptr;
+    }
+    return al;
+}
+
+static uint8_t* new_host_view(uint64_t size, uint64_t align)
+{
+    return (uint8_t*)::operator new(round_up(size, align), std::align_val_t(align), std::nothrow);
 }
 
 void* device_memory::alloc(uint32_t size, uint32_t align, bool is_cmdbuf, bool high)
@@ -45,14 +79,19 @@ void* device_memory::alloc(uint32_t size, uint32_t align, bool is_cmdbuf, bool h
     if (base + room > (high ? kDramEnd : kDramHigh))
         return nullptr;
     uint64_t host_align = std::max<uint64_t>(a, kMinHostAlign);
-    uint8_t* host = (uint8_t*)aligned_alloc(host_align, round_up(room, host_align));
+    uint8_t* host = new_host_view(room, host_align);
     if (host == nullptr)
         return nullptr;
+    uint8_t* device = new (std::nothrow) uint8_t[room];
+    if (device == nullptr) {
+        ::operator delete(host, std::align_val_t(host_align));
+        return nullptr;
+    }
     memset(host, 0, room);
-    allocation* al = new allocation{(uint32_t)base, size, is_cmdbuf, false, host, std::vector<uint8_t>(room, kStaleByte)};
+    memset(device, kStaleByte, room);
+    if (enter({(uint32_t)base, size, is_cmdbuf, false, host, host_align, device}) == nullptr)
+        return nullptr;
     next = base + room;
-    m_by_host[(uintptr_t)host] = al;
-    m_by_device[al->dev_va] = al;
     return host;
 }
 
@@ -60,10 +99,9 @@ void* device_memory::take_vlm()
 {
     if (m_vlm_held)
         return nullptr;
-    uint8_t* handle = (uint8_t*)aligned_alloc(kMinHostAlign, kMinHostAlign);
-    if (handle == nullptr)
+    uint8_t* handle = new_host_view(kMinHostAlign, kMinHostAlign);
+    if (handle == nullptr || enter({kVlmBase, kVlmSize, false, true, handle, kMinHostAlign, nullptr}) == nullptr)
         return nullptr;
-    m_by_host[(uintptr_t)handle] = new allocation{kVlmBase, kVlmSize, false, true, handle, {}};
     m_vlm_held = true;
     return handle;
 }
@@ -78,8 +116,7 @@ bool device_memory::release(void* host, bool is_cmdbuf)
     else
         m_by_device.erase(al->dev_va);
     m_by_host.erase((uintptr_t)host);
-    free(al->host);
-    delete al;
+    drop(al);
     return true;
 }
 
@@ -95,7 +132,7 @@ bool device_memory::flush(void* host)
     if (al == nullptr)
         return false;
     if (!al->is_vlm_handle)
-        memcpy(al->device.data(), al->host, al->size);
+        memcpy(al->device, al->host, al->size);
     return true;
 }
 
@@ -105,7 +142,7 @@ bool device_memory::invalidate(void* host)
     if (al == nullptr)
         return false;
     if (!al->is_vlm_handle)
-        memcpy(al->host, al->device.data(), al->size);
+        memcpy(al->host, al->device, al->size);
     return true;
 }
 
@@ -113,7 +150,7 @@ bool device_memory::first_unflushed(uint32_t* dev_va) const
 {
     for (const auto& entry : m_by_device) {
         const allocation* al = entry.second;
-        if (memcmp(al->host, al->device.data(), al->size) == 0)
+        if (memcmp(al->host, al->device, al->size) == 0)
             continue;
         uint32_t at = 0;
         while (al->host[at] == al->device[at])
@@ -144,14 +181,14 @@ uint8_t* device_memory::device_range(uint32_t dev_va, uint32_t len, uint32_t vlm
     }
     allocation* al = find_device(dev_va, len); // DRAM lies above the on-chip window
     *cause = al == nullptr ? KVX_CAUSE_NO_MEMORY : al->is_cmdbuf ? KVX_CAUSE_CMDBUF_ACCESS : 0;
-    return *cause == 0 ? al->device.data() + (dev_va - al->dev_va) : nullptr;
+    return *cause == 0 ? al->device + (dev_va - al->dev_va) : nullptr;
 }
 
 void device_memory::engine_wrote(uint32_t dev_va, uint32_t len)
 {
     allocation* al = find_device(dev_va, len);
     if (al != nullptr && len > 0)
-        memcpy(al->host + (dev_va - al->dev_va), al->device.data() + (dev_va - al->dev_va), len);
+        memcpy(al->host + (dev_va - al->dev_va), al->device + (dev_va - al->dev_va), len);
 }
 
 allocation* device_memory::cmdbuf(void* host)

@@ -12,6 +12,7 @@
 #ifndef KVX_MEMORY_H
 #define KVX_MEMORY_H
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <vector>
@@ -22,13 +23,17 @@ const uint32_t kVlmBase = 0x1D900000;
 const uint32_t kVlmSize = 0x100000;
 const uint8_t kStaleByte = 0xDB;
 
+// The views are owned by device_memory: the host view comes from aligned
+// operator new with host_align, the device view from array new (none for
+// the VLM handle).
 struct allocation {
     uint32_t dev_va;
     uint32_t size;
     bool is_cmdbuf;
     bool is_vlm_handle;
-    uint8_t* host;               // the host view, the pointer handed out
-    std::vector<uint8_t> device; // the device view
+    uint8_t* host; // the host view, the pointer handed out
+    size_t host_align;
+    uint8_t* device; // the device view
 };
 
 class device_memory {
@@ -38,10 +43,11 @@ public:
     device_memory(const device_memory&) = delete;
     device_memory& operator=(const device_memory&) = delete;
 
-    // New buffer; null when the space is used up or the alignment is not a
-    // power of two. High-address buffers come from the upper half of DRAM.
+    // New buffer; null when the space or the host's memory is used up or the
+    // alignment is not a power of two. High-address buffers come from the
+    // upper half of DRAM.
     void* alloc(uint32_t size, uint32_t align, bool is_cmdbuf, bool high);
-    // The VLM handle; null when someone holds it already.
+    // The VLM handle; null when someone holds it already or memory runs out.
     void* take_vlm();
     bool release(void* host, bool is_cmdbuf);
     allocation* find_host(void* host);
@@ -62,6 +68,7 @@ public:
 
 private:
     allocation* find_device(uint32_t dev_va, uint32_t len);
+    allocation* enter(const allocation& fields);
 
     uint64_t m_next_low;
     uint64_t m_next_high;
