@@ -9,14 +9,14 @@
 
 namespace {
 
-struct CompareCase {
+struct VerifyCase {
     const char* what;
     uint32_t words;
     std::vector<uint32_t> flipped; // words whose bit 4 differs
     bool masked;                   // the mask clears bit 4 of the odd words
 };
 
-std::vector<uint32_t> expected_mismatches(const CompareCase& c)
+std::vector<uint32_t> expected_mismatches(const VerifyCase& c)
 {
     std::vector<uint32_t> found;
     for (uint32_t w : c.flipped)
@@ -25,9 +25,9 @@ std::vector<uint32_t> expected_mismatches(const CompareCase& c)
     return found;
 }
 
-TEST(Compare, MismatchesAtBlockAndPairEnds)
+TEST(Verify, MismatchesAtBlockAndPairEnds)
 {
-    const std::vector<CompareCase> cases = {
+    const std::vector<VerifyCase> cases = {
         {"the words either side of the first block end", 3000, {1023, 1024}, false},
         {"the last word of a block and of the buffer", 2048, {0, 1023, 2047}, false},
         {"an odd count: the word after the last pair", 1025, {1024}, false},
@@ -36,7 +36,7 @@ TEST(Compare, MismatchesAtBlockAndPairEnds)
         {"a short buffer, within one pair", 1, {0}, false},
         {"no difference at all", 4096, {}, true},
     };
-    for (const CompareCase& c : cases) {
+    for (const VerifyCase& c : cases) {
         std::vector<uint32_t> out(c.words, 0x5A5A5A5A), golden(c.words, 0x5A5A5A5A), mask(c.words, 0xFFFFFFFF);
         for (uint32_t w : c.flipped)
             golden[w] ^= 0x10;

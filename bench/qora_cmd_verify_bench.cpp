@@ -35,7 +35,7 @@ void BM_Memcmp(benchmark::State& state)
     state.SetBytesProcessed((int64_t)state.iterations() * kBytes);
 }
 
-void BM_CompareUnmasked(benchmark::State& state)
+void BM_VerifyUnmasked(benchmark::State& state)
 {
     buffers& b = shared();
     for (auto _ : state)
@@ -43,7 +43,7 @@ void BM_CompareUnmasked(benchmark::State& state)
     state.SetBytesProcessed((int64_t)state.iterations() * kBytes);
 }
 
-void BM_CompareMasked(benchmark::State& state)
+void BM_VerifyMasked(benchmark::State& state)
 {
     buffers& b = shared();
     for (auto _ : state)
@@ -52,8 +52,8 @@ void BM_CompareMasked(benchmark::State& state)
 }
 
 BENCHMARK(BM_Memcmp)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_CompareUnmasked)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_CompareMasked)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_VerifyUnmasked)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_VerifyMasked)->Unit(benchmark::kMillisecond);
 
 } // namespace
 
