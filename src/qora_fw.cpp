@@ -130,26 +130,81 @@ static void write_table(FILE* out, const fw_job& job)
     emit_text(out, func, tail, sizeof(tail) - 1);
 }
 
-int qoraFirmware::convert_fw_elf_to_hdr(const std::string& file)
+// Opens an ELF image and reads its file header; null (after saying why) when
+// it cannot be read or is not a little-endian ELF file.
+static FILE* open_elf(const std::string& file, Elf32_Ehdr* eh)
 {
     FILE* in = fopen(file.c_str(), "rb");
     if (in == nullptr) {
         printf("open file(%s) error\n", file.c_str());
-        return -1;
+        return nullptr;
     }
-    Elf32_Ehdr eh;
     const char* refusal = nullptr;
-    if (fread(&eh, 1, sizeof(eh), in) != sizeof(eh))
+    if (fread(eh, 1, sizeof(*eh), in) != sizeof(*eh))
         refusal = "read header fail";
-    else if (memcmp(eh.e_ident, ELFMAG, SELFMAG) != 0)
+    else if (memcmp(eh->e_ident, ELFMAG, SELFMAG) != 0)
         refusal = "Not an ELF file - it has the wrong magic bytes at the start";
-    else if (eh.e_ident[EI_DATA] != ELFDATA2LSB)
+    else if (eh->e_ident[EI_DATA] != ELFDATA2LSB)
         refusal = "Only support LSB data!!";
-    if (refusal != nullptr) {
-        puts(refusal);
-        close_reporting(in, "convert_fw_elf_to_hdr", __LINE__);
-        return -1;
+    if (refusal == nullptr)
+        return in;
+    puts(refusal);
+    close_reporting(in, "convert_fw_elf_to_hdr", __LINE__);
+    return nullptr;
+}
+
+// Reads every section header into the job, selects the loadable sections
+// of the firmware's address window and finds the section-name table.
+static bool read_section_headers(fw_job& job, const Elf32_Ehdr& eh, Elf32_Shdr* names)
+{
+    job.block = (uint8_t*)malloc((size_t)eh.e_shnum * (sizeof(Elf32_Shdr) + 1));
+    if (job.block == nullptr) {
+        puts("Allocate memory fail!!");
+        return false;
     }
+    memset(job.flags(), 0, eh.e_shnum);
+    if (!seek_to(job.in, eh.e_shoff, 154))
+        return false;
+    for (uint32_t i = 0; i < eh.e_shnum; i++) {
+        uint8_t* slot = job.block + (size_t)i * sizeof(Elf32_Shdr);
+        if (fread(slot, 1, sizeof(Elf32_Shdr), job.in) != sizeof(Elf32_Shdr)) {
+            puts("read shdr fail");
+            return false;
+        }
+        Elf32_Shdr sh = job.header(i);
+        if (i == eh.e_shstrndx)
+            *names = sh;
+        job.flags()[i] = (sh.sh_addr >> 16) == 0x1900 && sh.sh_type != SHT_NOBITS;
+    }
+    return true;
+}
+
+// Writes the boot section's array, then one array per selected section.
+static bool write_sections(fw_job& job, const Elf32_Shdr& boot_sh)
+{
+    if (!seek_to(job.in, boot_sh.sh_offset, 203))
+        return false;
+    static const char boot_head[] = "unsigned char rv_boot[] = {\n";
+    emit_text(job.out, "convert_fw_elf_to_hdr", boot_head, sizeof(boot_head) - 1);
+    convert_fw_code(job.in, job.out, (int)boot_sh.sh_size);
+    for (uint32_t i = 0; i < job.shnum; i++) {
+        if (!job.flags()[i])
+            continue;
+        Elf32_Shdr sh = job.header(i);
+        if (!seek_to(job.in, sh.sh_offset, 215))
+            return false;
+        emit(job.out, "convert_fw_elf_to_hdr", "\nunsigned char rv_%08x[] = {\n", sh.sh_addr);
+        convert_fw_code(job.in, job.out, (int)sh.sh_size);
+    }
+    return true;
+}
+
+int qoraFirmware::convert_fw_elf_to_hdr(const std::string& file)
+{
+    Elf32_Ehdr eh;
+    FILE* in = open_elf(file, &eh);
+    if (in == nullptr)
+        return -1;
     std::string out_name = header_name(file);
     FILE* out = fopen(out_name.c_str(), "w");
     if (out == nullptr) {
@@ -162,52 +217,18 @@ int qoraFirmware::convert_fw_elf_to_hdr(const std::string& file)
         printf("shentsize(%d) or shnum(%d) value is abnormal\n", eh.e_shentsize, eh.e_shnum);
         return job.fail();
     }
-    job.block = (uint8_t*)malloc((size_t)eh.e_shnum * (sizeof(Elf32_Shdr) + 1));
-    if (job.block == nullptr) {
-        puts("Allocate memory fail!!");
+    Elf32_Shdr names{};
+    if (!read_section_headers(job, eh, &names) || !seek_to(in, names.sh_offset, 174))
         return job.fail();
-    }
-    memset(job.flags(), 0, eh.e_shnum);
-    if (!seek_to(in, eh.e_shoff, 154))
-        return job.fail();
-    uint32_t names_offset = 0, names_size = 0;
-    for (uint32_t i = 0; i < eh.e_shnum; i++) {
-        uint8_t* slot = job.block + (size_t)i * sizeof(Elf32_Shdr);
-        if (fread(slot, 1, sizeof(Elf32_Shdr), in) != sizeof(Elf32_Shdr)) {
-            puts("read shdr fail");
-            return job.fail();
-        }
-        Elf32_Shdr sh = job.header(i);
-        if (i == eh.e_shstrndx) {
-            names_offset = sh.sh_offset;
-            names_size = sh.sh_size;
-        }
-        job.flags()[i] = (sh.sh_addr >> 16) == 0x1900 && sh.sh_type != SHT_NOBITS;
-    }
-    if (!seek_to(in, names_offset, 174))
-        return job.fail();
-    int boot = find_boot_section(in, names_size);
+    int boot = find_boot_section(in, names.sh_size);
     if (boot == -1)
         return job.fail();
     if (boot < 0 || boot >= eh.e_shnum) {
         printf("no %s section in %s\n", kBootName, file.c_str());
         return job.fail();
     }
-    Elf32_Shdr boot_sh = job.header((uint32_t)boot);
-    if (!seek_to(in, boot_sh.sh_offset, 203))
+    if (!write_sections(job, job.header((uint32_t)boot)))
         return job.fail();
-    static const char boot_head[] = "unsigned char rv_boot[] = {\n";
-    emit_text(out, "convert_fw_elf_to_hdr", boot_head, sizeof(boot_head) - 1);
-    convert_fw_code(in, out, (int)boot_sh.sh_size);
-    for (uint32_t i = 0; i < eh.e_shnum; i++) {
-        if (!job.flags()[i])
-            continue;
-        Elf32_Shdr sh = job.header(i);
-        if (!seek_to(in, sh.sh_offset, 215))
-            return job.fail();
-        emit(out, "convert_fw_elf_to_hdr", "\nunsigned char rv_%08x[] = {\n", sh.sh_addr);
-        convert_fw_code(in, out, (int)sh.sh_size);
-    }
     write_table(out, job);
     free(job.block);
     close_reporting(out, "convert_fw_elf_to_hdr", __LINE__);
