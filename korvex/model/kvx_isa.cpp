@@ -287,7 +287,7 @@ static step decode(isa_context& c, const std::vector<uint32_t>& words, const ins
     *d = {header >> 16, words.data() + at + 1, len == 0 ? 0 : len - 1};
     if ((*ins)->exec == nullptr)
         return fault(c, KVX_CAUSE_UNKNOWN_OPCODE, c.pc);
-    if ((header & 0xFF) == OP_END)
+    if ((header & 0xFF) == KVX_OP_END)
         return STEP_NEXT; // END's length field is not read
     if (len == 0)
         return fault(c, KVX_CAUSE_ZERO_LENGTH, c.pc);

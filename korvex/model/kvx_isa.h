@@ -22,12 +22,6 @@
 
 namespace kvx {
 
-enum opcode : uint8_t {
-#define KVX_OPCODE(code, NAME, ...) OP_##NAME = code,
-    KVX_INSTRUCTIONS(KVX_OPCODE)
-#undef KVX_OPCODE
-};
-
 // Work done, in the units the timing model and the PMU count.
 struct work_counters {
     uint64_t instructions;
