@@ -296,8 +296,7 @@ static step decode(isa_context& c, const std::vector<uint32_t>& words, const ins
 
 run_status run_code(isa_context& ctx)
 {
-    std::vector<uint32_t> words(ctx.code_size / 4);
-    memcpy(words.data(), ctx.code, words.size() * 4);
+    const std::vector<uint32_t>& words = ctx.code;
     for (;;) {
         uint32_t pc = ctx.pc;
         uint32_t before[16];

@@ -52,8 +52,7 @@ struct touched_range {
 
 struct isa_context {
     device_memory* mem;
-    const uint8_t* code;
-    uint32_t code_size;
+    std::vector<uint32_t> code;  // the code buffer's words, as the engine read them
     uint32_t pc;                 // byte offset of the next instruction
     uint32_t vlm_bytes;          // bytes of the VLM the sub-command may use
     uint32_t r[16];
