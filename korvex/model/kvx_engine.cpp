@@ -198,10 +198,12 @@ static bool run_subcmd(korvex_subcmd* sub, uint32_t core, uint32_t waited_us)
     s->mem.read_record(v.code, 0, ctx.code.data(), (uint32_t)ctx.code.size() * 4);
     ctx.pc = v.info.code_offset;
     ctx.vlm_bytes = (uint32_t)param(sub->params, SC_PARAM_VLM_USAGE);
+    ctx.work_limit = s->work_left;
     ctx.cycle_counter_base = s->cycle_counter;
     ctx.who = handle_name("subcmd", sub->id, sub);
     ctx.log = open_instruction_log();
     run_status status = run_logged(ctx);
+    s->work_left -= work_steps(ctx.work);
     cause = account(sub, ctx, status, &detail);
     uint32_t times[5] = {kPrepareUs, waited_us, 0, (uint32_t)sub->ip_us, kPostProcUs};
     s->mem.write_record(v.player, offsetof(fw_player_info, out_prepare_us), times, sizeof(times));
@@ -274,6 +276,7 @@ int run_command(korvex_cmd* cmd, uint32_t cores)
             refuse(sub, 0, KVX_CAUSE_UNFLUSHED, stale);
         return -1;
     }
+    cmd->session->work_left = hook_work_limit();
     round_state round{};
     uint32_t elapsed_us = 0;
     bool all_ok = cores > 0;

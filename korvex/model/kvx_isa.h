@@ -38,6 +38,11 @@ struct work_counters {
 // Modelled engine cycles for the work counted so far.
 uint64_t work_cycles(const work_counters& w);
 
+// The model's own effort for the work, in steps: one per instruction,
+// multiply-accumulate and vector element, one per 16 bytes read or written.
+// The work limit is counted in steps.
+uint64_t work_steps(const work_counters& w);
+
 // A finished flow: its id and the work counted when it ended.
 struct flow_mark {
     uint32_t id;
@@ -58,6 +63,7 @@ struct isa_context {
     uint32_t r[16];
     uint64_t cycle_counter_base; // the engine's counter when the run started
     work_counters work;
+    uint64_t work_limit;         // steps the run may take; the instruction that would pass them faults
     std::vector<flow_mark> flows;
     uint32_t cause, detail;      // why the run stopped early (kvx_model.h)
     FILE* log;                   // instruction log, or null
