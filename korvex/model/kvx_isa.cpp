@@ -336,6 +336,9 @@ static step decode(isa_context& c, const std::vector<uint32_t>& words, const ins
     return at + len > words.size() ? fault(c, KVX_CAUSE_PAST_END, c.pc) : STEP_NEXT;
 }
 
+// The work of decoding one instruction: its count, nothing else.
+static const work_counters kOneInstruction = {1, 0, 0, 0, 0, 0, 0, 0, 0};
+
 run_status run_code(isa_context& ctx)
 {
     const std::vector<uint32_t>& words = ctx.code;
@@ -346,10 +349,8 @@ run_status run_code(isa_context& ctx)
         const instruction* ins = nullptr;
         decoded d{};
         step s = decode(ctx, words, &ins, &d);
-        work_counters one{};
-        one.instructions = 1;
         if (s == STEP_NEXT)
-            s = count_work(ctx, one) ? ins->exec(ctx, d) : STEP_FAULT;
+            s = count_work(ctx, kOneInstruction) ? ins->exec(ctx, d) : STEP_FAULT;
         if (ctx.log != nullptr)
             log_instruction(ctx, pc, ins != nullptr && ins->exec != nullptr ? ins->name : "?", before);
         if (s != STEP_NEXT)

@@ -6,7 +6,9 @@
 // followed by length-1 operand words; the instructions are those of
 // kvx_isa_table.h. Registers r0-r15 hold 32-bit values; registers that name
 // memory hold device addresses in 16-byte units. A fault stops the run and
-// leaves its cause and detail (kvx_model.h) in the context. With an
+// leaves its cause and detail (kvx_model.h) in the context. Each
+// instruction's work is counted before it is done; one that would take the
+// run past ctx.work_limit steps (work_steps) faults instead. With an
 // instruction log, each executed instruction appends one line: who, pc,
 // name, registers written, memory ranges read and written.
 #ifndef KVX_ISA_H

@@ -208,7 +208,8 @@ bool device_memory::read_record(const allocation* al, uint32_t offset, void* dat
 {
     if (!holds(al, offset, len))
         return false;
-    memcpy(data, al->device + offset, len);
+    if (len > 0)
+        memcpy(data, al->device + offset, len);
     return true;
 }
 
@@ -216,7 +217,8 @@ bool device_memory::write_record(allocation* al, uint32_t offset, const void* da
 {
     if (!holds(al, offset, len))
         return false;
-    memcpy(al->device + offset, data, len);
+    if (len > 0)
+        memcpy(al->device + offset, data, len);
     show_to_host(al, offset, len);
     return true;
 }
