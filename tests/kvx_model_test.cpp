@@ -266,6 +266,82 @@ TEST(EngineModel, LimitsAreReported)
     }
 }
 
+// KVX_MODEL_WORK_LIMIT bounds one run of a command, its sub-commands
+// together, in steps: one per instruction, one per 16 bytes moved. Each
+// sub-command here fills 64 bytes with 0x40: SETR (1 step), FILL at byte 12
+// (1 + 64/16), END at byte 16 (1), 7 steps. The instruction that would pass
+// the limit faults before it writes anything; the next run starts afresh.
+TEST(EngineModel, WorkLimitBoundsARun)
+{
+    const struct {
+        const char* limit; // null: unset
+        int run;
+        std::vector<uint64_t> cause, detail;
+        std::vector<bool> filled;
+    } cases[] = {
+        {nullptr, 0, {KVX_CAUSE_NONE, KVX_CAUSE_NONE}, {0, 0}, {true, true}},
+        {"14", 0, {KVX_CAUSE_NONE, KVX_CAUSE_NONE}, {0, 0}, {true, true}},
+        {"13", -1, {KVX_CAUSE_NONE, KVX_CAUSE_WORK_LIMIT}, {0, 16}, {true, true}},
+        {"12", -1, {KVX_CAUSE_NONE, KVX_CAUSE_WORK_LIMIT}, {0, 12}, {true, false}},
+        {"5", -1, {KVX_CAUSE_WORK_LIMIT, KVX_CAUSE_WORK_LIMIT}, {12, 12}, {false, false}},
+        {"0", -1, {KVX_CAUSE_WORK_LIMIT, KVX_CAUSE_WORK_LIMIT}, {0, 0}, {false, false}},
+    };
+    for (const auto& c : cases) {
+        if (c.limit != nullptr)
+            setenv("KVX_MODEL_WORK_LIMIT", c.limit, 1);
+        kvx_rig r;
+        unsetenv("KVX_MODEL_WORK_LIMIT");
+        uint8_t* buf[2] = {r.dram(64), r.dram(64)};
+        kvx_bundle b[2] = {r.bundle(kvx_fill(r.va(buf[0]), 64)), r.bundle(kvx_fill(r.va(buf[1]), 64))};
+        for (int run = 0; run < 2; run++) {
+            std::string what = std::string(c.limit == nullptr ? "no limit" : c.limit) + ", run " + std::to_string(run);
+            kvx_outcome o = r.run({&b[0], &b[1]}, false, [](korvex_cmd_t*, std::vector<korvex_subcmd_t*>&) {});
+            EXPECT_EQ(o.run, c.run) << what;
+            EXPECT_EQ(o.cause, c.cause) << what;
+            EXPECT_EQ(o.detail, c.detail) << what;
+            for (int i = 0; i < 2; i++) {
+                EXPECT_EQ(b[i].res->hw_error_msg, c.cause[i] == KVX_CAUSE_NONE ? 0 : KVX_IRQ_BASE | c.cause[i])
+                    << what << " " << i;
+                EXPECT_EQ(buf[i][0] == 0x40 && buf[i][63] == 0x40, c.filled[i]) << what << " " << i;
+                EXPECT_EQ(buf[i][0] == 0 && buf[i][63] == 0, !c.filled[i]) << what << " " << i;
+                memset(buf[i], 0, 64);
+                korvexSession_memFlush(r.s, buf[i]);
+            }
+        }
+    }
+}
+
+// A convolution passing the work limit faults before it computes: 4x4x4
+// input, 2 output channels, 3x3 kernel, pad 1, so 4x4x2 outputs and 1152
+// MACs. Steps: SETR, SETR, CONV at byte 44 (1 + 1152 + (64 + 72 + 8 + 32)
+// / 16 bytes), END at byte 48: 1167 in all.
+TEST(EngineModel, WorkLimitStopsAConvolutionBeforeItsWork)
+{
+    const struct {
+        const char* limit;
+        uint64_t cause, detail;
+        bool computed;
+    } cases[] = {
+        {"1167", KVX_CAUSE_NONE, 0, true},
+        {"1166", KVX_CAUSE_WORK_LIMIT, 48, true},
+        {"1165", KVX_CAUSE_WORK_LIMIT, 44, false},
+    };
+    for (const auto& c : cases) {
+        setenv("KVX_MODEL_WORK_LIMIT", c.limit, 1);
+        kvx_rig r;
+        unsetenv("KVX_MODEL_WORK_LIMIT");
+        uint8_t *in = r.dram(64, 1), *wt = r.dram(72, 1), *bias = r.dram(8), *out = r.dram(32, 0xEE);
+        kvx_bundle b = r.bundle({kvx_asm_setr(0, 4), r.unit(in), r.unit(wt), r.unit(bias), r.unit(out),
+                                 kvx_asm_setr(8, 5), 4 | 4 << 16, 4 | 2 << 16, 3 | 3 << 8 | 1 << 16 | 1 << 24, 1, 0,
+                                 kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3), kvx_asm_end()});
+        kvx_outcome o = r.run(b);
+        EXPECT_EQ(o.cause[0], c.cause) << c.limit;
+        EXPECT_EQ(o.detail[0], c.detail) << c.limit;
+        // Corner outputs sum 4 of the 9 taps over 4 channels: 16.
+        EXPECT_EQ(out[0], c.computed ? 16 : 0xEE) << c.limit;
+    }
+}
+
 // The VLM is reached only while a handle is held, and only as far as the
 // sub-command declared; packed users share one context.
 TEST(EngineModel, VlmNeedsAHandleAUsageAndOneContext)

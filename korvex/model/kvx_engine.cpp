@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstring>
 #include <exception>
 
 #include "kvx_firmware.h"
@@ -38,15 +37,6 @@ static uint32_t clock_mhz(const korvex_subcmd* sub)
     return 1000;
 }
 
-// Engine writes to a command buffer reach both views at once.
-static void write_record(allocation* buf, uint32_t offset, const void* data, uint32_t len)
-{
-    if (buf == nullptr || (uint64_t)offset + len > buf->size)
-        return;
-    memcpy(buf->device + offset, data, len);
-    memcpy(buf->host + offset, data, len);
-}
-
 static uint32_t event_count(uint16_t event, const work_counters& w)
 {
     switch (event) {
@@ -65,14 +55,14 @@ static uint32_t event_count(uint16_t event, const work_counters& w)
 }
 
 // One PMU record: log word, end timestamp, then `counters` counts.
-static void write_pmu_record(allocation* out, uint32_t offset, uint32_t counters, uint32_t log, uint32_t tstamp,
-                             const fw_pmu_info& pmu, const work_counters& w)
+static void write_pmu_record(device_memory& mem, allocation* out, uint32_t offset, uint32_t counters, uint32_t log,
+                             uint32_t tstamp, const fw_pmu_info& pmu, const work_counters& w)
 {
     uint32_t words[2 + kMaxPmuEvents] = {log, tstamp};
     uint32_t n = std::min<uint32_t>(pmu.number_of_event, counters);
     for (uint32_t k = 0; k < n; k++)
         words[2 + k] = event_count(pmu.event[k], w);
-    write_record(out, offset, words, 8 + 4 * counters);
+    mem.write_record(out, offset, words, 8 + 4 * counters);
 }
 
 static void write_pmu(const fw_view& v, const isa_context& ctx, uint32_t core, uint32_t mhz)
@@ -80,11 +70,11 @@ static void write_pmu(const fw_view& v, const isa_context& ctx, uint32_t core, u
     const fw_pmu_info& pmu = v.pmu;
     uint8_t burst = pmu.number_of_event <= 6 ? 2 : 4;
     fw_pmu_info_out res{mhz * 1000, pmu.pmu_mode == 1 ? burst : (uint8_t)0, 0};
-    write_record(v.pmu_out, 0, &res, sizeof(res));
+    ctx.mem->write_record(v.pmu_out, 0, &res, sizeof(res));
     if (pmu.pmu_mode != 1) {
         uint32_t log = kPmuLog | (core << 16) | (uint32_t)(ctx.work.flows & 0xFFFF);
         uint32_t end = (uint32_t)(ctx.cycle_counter_base + work_cycles(ctx.work)) | 1;
-        write_pmu_record(v.pmu_result, 0, kMaxPmuEvents, log, end, pmu, ctx.work);
+        write_pmu_record(*ctx.mem, v.pmu_result, 0, kMaxPmuEvents, log, end, pmu, ctx.work);
         return;
     }
     uint32_t record = burst == 2 ? sizeof(fw_pmu_data_burst2) : sizeof(fw_pmu_data_burst4);
@@ -92,8 +82,8 @@ static void write_pmu(const fw_view& v, const isa_context& ctx, uint32_t core, u
     for (uint32_t i = 0; i < ctx.flows.size() && i < limit; i++) {
         const flow_mark& f = ctx.flows[i];
         uint32_t end = (uint32_t)(ctx.cycle_counter_base + work_cycles(f.work)) | 1;
-        write_pmu_record(v.pmu_result, i * record, burst == 2 ? 6 : kMaxPmuEvents, kPmuLog | (core << 16) | f.id,
-                         end, pmu, f.work);
+        write_pmu_record(*ctx.mem, v.pmu_result, i * record, burst == 2 ? 6 : kMaxPmuEvents,
+                         kPmuLog | (core << 16) | f.id, end, pmu, f.work);
     }
 }
 
@@ -135,7 +125,7 @@ static void finish(korvex_subcmd* sub, const fw_view& v, uint32_t core, uint32_t
     sub->cause = cause;
     sub->detail = detail;
     fw_cmd_result res{is_fault(cause) ? flow : 0, core, is_fault(cause) ? KVX_IRQ_BASE | cause : 0, detail};
-    write_record(v.res, 0, &res, sizeof(res));
+    sub->cmd->session->mem.write_record(v.res, 0, &res, sizeof(res));
     trace_run(sub, core, v);
 }
 
@@ -204,17 +194,19 @@ static bool run_subcmd(korvex_subcmd* sub, uint32_t core, uint32_t waited_us)
     }
     isa_context ctx{};
     ctx.mem = &s->mem;
-    ctx.code = v.code->device;
-    ctx.code_size = v.code->size;
+    ctx.code.resize(v.code->size / 4);
+    s->mem.read_record(v.code, 0, ctx.code.data(), (uint32_t)ctx.code.size() * 4);
     ctx.pc = v.info.code_offset;
     ctx.vlm_bytes = (uint32_t)param(sub->params, SC_PARAM_VLM_USAGE);
+    ctx.work_limit = s->work_left;
     ctx.cycle_counter_base = s->cycle_counter;
     ctx.who = handle_name("subcmd", sub->id, sub);
     ctx.log = open_instruction_log();
     run_status status = run_logged(ctx);
+    s->work_left -= work_steps(ctx.work);
     cause = account(sub, ctx, status, &detail);
     uint32_t times[5] = {kPrepareUs, waited_us, 0, (uint32_t)sub->ip_us, kPostProcUs};
-    write_record(v.player, offsetof(fw_player_info, out_prepare_us), times, sizeof(times));
+    s->mem.write_record(v.player, offsetof(fw_player_info, out_prepare_us), times, sizeof(times));
     if (v.pmu_out != nullptr)
         write_pmu(v, ctx, core, clock_mhz(sub));
     finish(sub, v, core, ctx.flows.empty() ? 0 : ctx.flows.back().id, cause, detail);
@@ -284,6 +276,7 @@ int run_command(korvex_cmd* cmd, uint32_t cores)
             refuse(sub, 0, KVX_CAUSE_UNFLUSHED, stale);
         return -1;
     }
+    cmd->session->work_left = hook_work_limit();
     round_state round{};
     uint32_t elapsed_us = 0;
     bool all_ok = cores > 0;

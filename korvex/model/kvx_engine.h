@@ -7,7 +7,9 @@
 // buffers read and checked by kvx_firmware), schedules packed sub-commands
 // together on cores of their own, writes the result, player and PMU records
 // back, leaves each sub-command's run information and cause, and returns 0
-// when every sub-command finished.
+// when every sub-command finished. All its sub-commands together take at
+// most hook_work_limit() steps of work (work_steps); the instruction that
+// would pass them faults with KVX_CAUSE_WORK_LIMIT.
 #ifndef KVX_ENGINE_H
 #define KVX_ENGINE_H
 
@@ -24,6 +26,7 @@ struct korvex_session {
     kvx::device_memory mem;
     uint32_t id;
     uint64_t cycle_counter;                    // the engine's free-running counter
+    uint64_t work_left;                        // steps the running command may still take
     std::map<const void*, std::string> names; // trace names of allocations
     std::vector<korvex_cmd*> cmds;
 };

@@ -2,7 +2,6 @@
 #include "kvx_firmware.h"
 
 #include <cstddef>
-#include <cstring>
 #include <vector>
 
 #include "kvx_engine.h"
@@ -12,6 +11,11 @@ namespace kvx {
 
 static const uint32_t kFixedBuffers = 3; // information, result, code
 
+static device_memory& memory_of(korvex_subcmd* sub)
+{
+    return sub->cmd->session->mem;
+}
+
 // The buffer at `index`, attached in `direction` with room for `size` bytes.
 static uint32_t slot(korvex_subcmd* sub, uint32_t index, int direction, uint32_t size, allocation** found,
                      uint32_t* detail)
@@ -20,7 +24,7 @@ static uint32_t slot(korvex_subcmd* sub, uint32_t index, int direction, uint32_t
     if (index >= sub->bufs.size())
         return KVX_CAUSE_MISSING_BUFFER;
     const attached& a = sub->bufs[index];
-    allocation* al = sub->cmd->session->mem.cmdbuf(a.buf);
+    allocation* al = memory_of(sub).cmdbuf(a.buf);
     if (al == nullptr)
         return KVX_CAUSE_MISSING_BUFFER; // freed since it was attached
     if (a.direction != direction)
@@ -50,8 +54,8 @@ static uint32_t read_player(korvex_subcmd* sub, fw_view* v, std::vector<bool>& n
         cause = slot(sub, index, KORVEX_CB_BIDIRECTIONAL, sizeof(fw_player_info), &v->player, detail);
     if (cause != KVX_CAUSE_NONE)
         return cause;
-    uint32_t flag;
-    memcpy(&flag, v->player->device + offsetof(fw_player_info, flag), 4);
+    uint32_t flag = 0;
+    memory_of(sub).read_record(v->player, offsetof(fw_player_info, flag), &flag, 4);
     if (flag != 0 && (flag & ~7u) != kPlayerFlagPriority) {
         *detail = flag;
         return KVX_CAUSE_PLAYER_FLAG;
@@ -75,7 +79,7 @@ static uint32_t read_pmu(korvex_subcmd* sub, fw_view* v, std::vector<bool>& name
         cause = slot(sub, index[1], KORVEX_CB_OUT, sizeof(fw_pmu_info_out), &v->pmu_out, detail);
     if (cause != KVX_CAUSE_NONE)
         return cause;
-    memcpy(&v->pmu, in->device, sizeof(v->pmu));
+    memory_of(sub).read_record(in, 0, &v->pmu, sizeof(v->pmu));
     *detail = index[0];
     if (v->pmu.pmu_mode > 1 || v->pmu.number_of_event > kMaxPmuEvents)
         return KVX_CAUSE_PMU_INFO;
@@ -101,7 +105,7 @@ uint32_t read_command_buffers(korvex_subcmd* sub, fw_view* v, uint32_t* detail)
         cause = slot(sub, 2, KORVEX_CB_IN, 0, &v->code, detail);
     if (cause != KVX_CAUSE_NONE)
         return cause;
-    memcpy(&v->info, info->device, sizeof(v->info));
+    memory_of(sub).read_record(info, 0, &v->info, sizeof(v->info));
     if (v->info.reserved != kPlayMarker) {
         *detail = v->info.reserved;
         return KVX_CAUSE_NO_MARKER;

@@ -16,6 +16,7 @@ struct call_picks {
 
 static uint32_t g_cores = kDefaultCores;
 static bool g_no_vlm = false;
+static uint64_t g_work_limit = UINT64_MAX;
 static call_picks g_fail, g_drop;
 static std::map<std::string, uint32_t> g_calls; // op -> calls so far
 static std::string g_trace_path;
@@ -59,6 +60,8 @@ void hooks_reload()
     std::string cores = env("KVX_MODEL_CORES");
     g_cores = cores.empty() ? kDefaultCores : (uint32_t)strtoul(cores.c_str(), nullptr, 10);
     g_no_vlm = env("KVX_MODEL_NO_VLM") == "1";
+    std::string work_limit = env("KVX_MODEL_WORK_LIMIT");
+    g_work_limit = work_limit.empty() ? UINT64_MAX : strtoull(work_limit.c_str(), nullptr, 10);
     g_trace_path = env("KVX_MODEL_TRACE");
     g_itrace_path = env("KVX_MODEL_ITRACE");
     bool fail_changed = reload_picks(&g_fail, "KVX_MODEL_FAIL");
@@ -74,6 +77,11 @@ uint32_t hook_cores()
 bool hook_no_vlm()
 {
     return g_no_vlm;
+}
+
+uint64_t hook_work_limit()
+{
+    return g_work_limit;
 }
 
 static bool picked(const call_picks& picks, const char* op, uint32_t n)

@@ -6,6 +6,9 @@
 //   KVX_MODEL_FAIL=op:N[,op:N...]  the N-th call of op fails and changes nothing
 //   KVX_MODEL_DROP=op:N[,op:N...]  the N-th call of op (one returning int)
 //                                  returns 0 and does nothing
+//   KVX_MODEL_WORK_LIMIT=N         a run of a command takes at most N steps of
+//                                  work (work_steps, kvx_isa.h); the
+//                                  instruction that would pass them faults
 //   KVX_MODEL_TRACE=path           one line per call appended to path
 //   KVX_MODEL_ITRACE=path          one line per executed instruction appended
 #ifndef KVX_HOOKS_H
@@ -20,6 +23,8 @@ namespace kvx {
 void hooks_reload();
 uint32_t hook_cores();
 bool hook_no_vlm();
+// Steps of work one run of a command may take; UINT64_MAX when unlimited.
+uint64_t hook_work_limit();
 
 enum hook_action { HOOK_NONE, HOOK_FAIL, HOOK_DROP };
 // Counts a call of `op`; what this call is to do instead of its work.

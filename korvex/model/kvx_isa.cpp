@@ -22,6 +22,24 @@ struct decoded {
     uint32_t operand_count;
 };
 
+uint64_t work_steps(const work_counters& w)
+{
+    return w.instructions + w.macs + w.vector_elements + (w.bytes_read + w.bytes_written) / 16;
+}
+
+static void add_work(work_counters& to, const work_counters& w)
+{
+    to.instructions += w.instructions;
+    to.bytes_read += w.bytes_read;
+    to.bytes_written += w.bytes_written;
+    to.dma_commands += w.dma_commands;
+    to.conv_commands += w.conv_commands;
+    to.macs += w.macs;
+    to.vector_elements += w.vector_elements;
+    to.vector_commands += w.vector_commands;
+    to.flows += w.flows;
+}
+
 enum step { STEP_NEXT, STEP_DONE, STEP_FAULT };
 
 static step fault(isa_context& c, uint32_t cause, uint32_t detail)
@@ -55,10 +73,23 @@ static uint8_t* memory_at(isa_context& c, uint32_t reg, uint64_t len, bool write
     return p;
 }
 
+// Counts the work an instruction is about to do, before it does it: past
+// the work limit the run faults here instead and nothing is counted.
+static bool count_work(isa_context& c, const work_counters& w)
+{
+    work_counters total = c.work;
+    add_work(total, w);
+    if (work_steps(total) > c.work_limit) {
+        fault(c, KVX_CAUSE_WORK_LIMIT, c.pc);
+        return false;
+    }
+    c.work = total;
+    return true;
+}
+
 static void wrote(isa_context& c, uint32_t reg, uint32_t len)
 {
     c.mem->engine_wrote(c.r[reg] << 4, len);
-    c.work.bytes_written += len;
 }
 
 static step exec_END(isa_context&, const decoded&)
@@ -88,12 +119,13 @@ static step exec_MOVE(isa_context& c, const decoded& d)
     uint32_t n = c.r[field(d.imm, 2)];
     uint8_t* src = memory_at(c, field(d.imm, 1), n, false);
     uint8_t* dst = src == nullptr ? nullptr : memory_at(c, field(d.imm, 0), n, true);
-    if (dst == nullptr)
+    work_counters w{};
+    w.bytes_read = w.bytes_written = n;
+    w.dma_commands = 1;
+    if (dst == nullptr || !count_work(c, w))
         return STEP_FAULT;
     memmove(dst, src, n);
     wrote(c, field(d.imm, 0), n);
-    c.work.bytes_read += n;
-    c.work.dma_commands++;
     return STEP_NEXT;
 }
 
@@ -102,11 +134,13 @@ static step exec_FILL(isa_context& c, const decoded& d)
 {
     uint32_t n = c.r[field(d.imm, 2)];
     uint8_t* dst = memory_at(c, field(d.imm, 0), n, true);
-    if (dst == nullptr)
+    work_counters w{};
+    w.bytes_written = n;
+    w.dma_commands = 1;
+    if (dst == nullptr || !count_work(c, w))
         return STEP_FAULT;
     memset(dst, (int)(c.r[field(d.imm, 1)] & 0xFF), n);
     wrote(c, field(d.imm, 0), n);
-    c.work.dma_commands++;
     return STEP_NEXT;
 }
 
@@ -118,14 +152,15 @@ static step exec_elementwise(isa_context& c, const decoded& d, Op op)
     const uint8_t* x = memory_at(c, field(d.imm, 1), n, false);
     const uint8_t* y = x == nullptr ? nullptr : memory_at(c, field(d.imm, 2), n, false);
     uint8_t* dst = y == nullptr ? nullptr : memory_at(c, field(d.imm, 0), n, true);
-    if (dst == nullptr)
+    work_counters w{};
+    w.bytes_read = 2ull * n;
+    w.bytes_written = w.vector_elements = n;
+    w.vector_commands = 1;
+    if (dst == nullptr || !count_work(c, w))
         return STEP_FAULT;
     for (uint32_t i = 0; i < n; i++)
         dst[i] = op(x[i], y[i]);
     wrote(c, field(d.imm, 0), n);
-    c.work.bytes_read += 2ull * n;
-    c.work.vector_elements += n;
-    c.work.vector_commands++;
     return STEP_NEXT;
 }
 
@@ -215,21 +250,26 @@ static step exec_CONV(isa_context& c, const decoded& d)
     const int8_t* wt = in == nullptr ? nullptr : (const int8_t*)memory_at(c, field(d.imm, 1), wt_len, false);
     const uint8_t* bias = wt == nullptr ? nullptr : memory_at(c, field(d.imm, 2), 4ull * s.cout, false);
     uint8_t* out = bias == nullptr ? nullptr : memory_at(c, field(d.imm, 3), out_len, true);
-    if (out == nullptr)
+    work_counters w{};
+    w.bytes_read = in_len + wt_len + 4ull * s.cout;
+    w.bytes_written = out_len;
+    w.macs = out_len * s.kh * s.kw * s.cin;
+    w.conv_commands = 1;
+    if (out == nullptr || !count_work(c, w))
         return STEP_FAULT;
     for (uint32_t oy = 0; oy < s.oh; oy++)
         for (uint32_t ox = 0; ox < s.ow; ox++)
             conv_pixel(s, in, wt, bias, out, oy, ox);
     wrote(c, field(d.imm, 3), (uint32_t)out_len);
-    c.work.bytes_read += in_len + wt_len + 4ull * s.cout;
-    c.work.macs += out_len * s.kh * s.kw * s.cin;
-    c.work.conv_commands++;
     return STEP_NEXT;
 }
 
 static step exec_FLOW(isa_context& c, const decoded& d)
 {
-    c.work.flows++;
+    work_counters w{};
+    w.flows = 1;
+    if (!count_work(c, w))
+        return STEP_FAULT;
     c.flows.push_back({d.imm, c.work});
     return STEP_NEXT;
 }
@@ -238,9 +278,11 @@ static step exec_FLOW(isa_context& c, const decoded& d)
 static step exec_CYCLES(isa_context& c, const decoded& d)
 {
     uint8_t* dst = memory_at(c, field(d.imm, 0), 8, true);
-    if (dst == nullptr)
-        return STEP_FAULT;
     uint64_t now = c.cycle_counter_base + work_cycles(c.work);
+    work_counters w{};
+    w.bytes_written = 8;
+    if (dst == nullptr || !count_work(c, w))
+        return STEP_FAULT;
     memcpy(dst, &now, 8);
     wrote(c, field(d.imm, 0), 8);
     return STEP_NEXT;
@@ -287,17 +329,19 @@ static step decode(isa_context& c, const std::vector<uint32_t>& words, const ins
     *d = {header >> 16, words.data() + at + 1, len == 0 ? 0 : len - 1};
     if ((*ins)->exec == nullptr)
         return fault(c, KVX_CAUSE_UNKNOWN_OPCODE, c.pc);
-    if ((header & 0xFF) == OP_END)
+    if ((header & 0xFF) == KVX_OP_END)
         return STEP_NEXT; // END's length field is not read
     if (len == 0)
         return fault(c, KVX_CAUSE_ZERO_LENGTH, c.pc);
     return at + len > words.size() ? fault(c, KVX_CAUSE_PAST_END, c.pc) : STEP_NEXT;
 }
 
+// The work of decoding one instruction: its count, nothing else.
+static const work_counters kOneInstruction = {1, 0, 0, 0, 0, 0, 0, 0, 0};
+
 run_status run_code(isa_context& ctx)
 {
-    std::vector<uint32_t> words(ctx.code_size / 4);
-    memcpy(words.data(), ctx.code, words.size() * 4);
+    const std::vector<uint32_t>& words = ctx.code;
     for (;;) {
         uint32_t pc = ctx.pc;
         uint32_t before[16];
@@ -305,10 +349,8 @@ run_status run_code(isa_context& ctx)
         const instruction* ins = nullptr;
         decoded d{};
         step s = decode(ctx, words, &ins, &d);
-        if (s == STEP_NEXT) {
-            ctx.work.instructions++;
-            s = ins->exec(ctx, d);
-        }
+        if (s == STEP_NEXT)
+            s = count_work(ctx, kOneInstruction) ? ins->exec(ctx, d) : STEP_FAULT;
         if (ctx.log != nullptr)
             log_instruction(ctx, pc, ins != nullptr && ins->exec != nullptr ? ins->name : "?", before);
         if (s != STEP_NEXT)

@@ -6,7 +6,9 @@
 // followed by length-1 operand words; the instructions are those of
 // kvx_isa_table.h. Registers r0-r15 hold 32-bit values; registers that name
 // memory hold device addresses in 16-byte units. A fault stops the run and
-// leaves its cause and detail (kvx_model.h) in the context. With an
+// leaves its cause and detail (kvx_model.h) in the context. Each
+// instruction's work is counted before it is done; one that would take the
+// run past ctx.work_limit steps (work_steps) faults instead. With an
 // instruction log, each executed instruction appends one line: who, pc,
 // name, registers written, memory ranges read and written.
 #ifndef KVX_ISA_H
@@ -21,12 +23,6 @@
 #include "kvx_memory.h"
 
 namespace kvx {
-
-enum opcode : uint8_t {
-#define KVX_OPCODE(code, NAME, ...) OP_##NAME = code,
-    KVX_INSTRUCTIONS(KVX_OPCODE)
-#undef KVX_OPCODE
-};
 
 // Work done, in the units the timing model and the PMU count.
 struct work_counters {
@@ -44,6 +40,11 @@ struct work_counters {
 // Modelled engine cycles for the work counted so far.
 uint64_t work_cycles(const work_counters& w);
 
+// The model's own effort for the work, in steps: one per instruction,
+// multiply-accumulate and vector element, one per 16 bytes read or written.
+// The work limit is counted in steps.
+uint64_t work_steps(const work_counters& w);
+
 // A finished flow: its id and the work counted when it ended.
 struct flow_mark {
     uint32_t id;
@@ -58,13 +59,13 @@ struct touched_range {
 
 struct isa_context {
     device_memory* mem;
-    const uint8_t* code;
-    uint32_t code_size;
+    std::vector<uint32_t> code;  // the code buffer's words, as the engine read them
     uint32_t pc;                 // byte offset of the next instruction
     uint32_t vlm_bytes;          // bytes of the VLM the sub-command may use
     uint32_t r[16];
     uint64_t cycle_counter_base; // the engine's counter when the run started
     work_counters work;
+    uint64_t work_limit;         // steps the run may take; the instruction that would pass them faults
     std::vector<flow_mark> flows;
     uint32_t cause, detail;      // why the run stopped early (kvx_model.h)
     FILE* log;                   // instruction log, or null

@@ -2,9 +2,10 @@
  * Engine model: the QORA instruction set, defined once.
  *
  * Contract: KVX_INSTRUCTIONS(X) expands X(code, NAME, length, form, effect,
- * cost) once per instruction, in opcode order. It drives the decoder and the
- * dispatch of the engine model, the assembler and disassembler, and the
- * instruction table of docs/engine-model.md. C and C++.
+ * work) once per instruction, in opcode order. It drives the opcodes
+ * (enum kvx_opcode, KVX_OP_<NAME>), the decoder and the dispatch of the
+ * engine model, the assembler and disassembler, and the instruction table
+ * of docs/engine-model.md. C and C++.
  *
  *   code    opcode, bits 0-7 of the header word
  *   length  words the assembler emits, header included; 0: variable
@@ -54,5 +55,12 @@ enum kvx_form {
       "1 flow") \
     X(0x09, CYCLES, 1, KVX_FORM_REGS1, "the engine's 64-bit cycle counter, little-endian, at r[a]",\
       "8 bytes written")
+
+/* The opcodes, one per instruction: KVX_OP_END, KVX_OP_NOP, ... */
+enum kvx_opcode {
+#define KVX_OPCODE(code, NAME, length, form, effect, work) KVX_OP_##NAME = code,
+    KVX_INSTRUCTIONS(KVX_OPCODE)
+#undef KVX_OPCODE
+};
 
 #endif /* KVX_ISA_TABLE_H */

@@ -184,11 +184,43 @@ uint8_t* device_memory::device_range(uint32_t dev_va, uint32_t len, uint32_t vlm
     return *cause == 0 ? al->device + (dev_va - al->dev_va) : nullptr;
 }
 
+// The engine's writes reach the host view at once: the one rule that keeps
+// the views of what the engine wrote equal.
+static void show_to_host(allocation* al, uint32_t offset, uint32_t len)
+{
+    if (len > 0)
+        memcpy(al->host + offset, al->device + offset, len);
+}
+
 void device_memory::engine_wrote(uint32_t dev_va, uint32_t len)
 {
     allocation* al = find_device(dev_va, len);
-    if (al != nullptr && len > 0)
-        memcpy(al->host + (dev_va - al->dev_va), al->device + (dev_va - al->dev_va), len);
+    if (al != nullptr)
+        show_to_host(al, dev_va - al->dev_va, len);
+}
+
+static bool holds(const allocation* al, uint32_t offset, uint32_t len)
+{
+    return al != nullptr && !al->is_vlm_handle && (uint64_t)offset + len <= al->size;
+}
+
+bool device_memory::read_record(const allocation* al, uint32_t offset, void* data, uint32_t len) const
+{
+    if (!holds(al, offset, len))
+        return false;
+    if (len > 0)
+        memcpy(data, al->device + offset, len);
+    return true;
+}
+
+bool device_memory::write_record(allocation* al, uint32_t offset, const void* data, uint32_t len)
+{
+    if (!holds(al, offset, len))
+        return false;
+    if (len > 0)
+        memcpy(al->device + offset, data, len);
+    show_to_host(al, offset, len);
+    return true;
 }
 
 allocation* device_memory::cmdbuf(void* host)

@@ -63,6 +63,12 @@ public:
     uint8_t* device_range(uint32_t dev_va, uint32_t len, uint32_t vlm_bytes, uint32_t* cause);
     // Writes made by the engine at dev_va: copied to the host view too.
     void engine_wrote(uint32_t dev_va, uint32_t len);
+    // The firmware's access to `len` bytes at `offset` of an allocation (a
+    // record of a command buffer, the code): reads see the device view,
+    // writes reach both views, as the engine's writes do. False, copying
+    // nothing, when there is no allocation or the bytes do not fit in it.
+    bool read_record(const allocation* al, uint32_t offset, void* data, uint32_t len) const;
+    bool write_record(allocation* al, uint32_t offset, const void* data, uint32_t len);
     // The allocation of a command buffer given by its host pointer.
     allocation* cmdbuf(void* host);
 

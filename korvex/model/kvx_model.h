@@ -32,6 +32,7 @@ enum kvx_cause {
     /* limits (detail: the ip time in microseconds) */
     KVX_CAUSE_HARD_LIMIT = 0x10,
     KVX_CAUSE_SOFT_LIMIT = 0x11,
+    KVX_CAUSE_WORK_LIMIT = 0x12, /* detail: byte offset of the instruction; KVX_MODEL_WORK_LIMIT */
     /* command buffers (detail: the buffer's index in the sub-command) */
     KVX_CAUSE_NO_MARKER = 0x20,       /* detail: the word found instead of "PLAY" */
     KVX_CAUSE_MISSING_BUFFER = 0x21,  /* an index names no attached buffer */

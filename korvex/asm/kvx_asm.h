@@ -35,12 +35,6 @@
 extern "C" {
 #endif
 
-enum kvx_opcode {
-#define KVX_ASM_OPCODE(code, name, length, form, effect, work) KVX_OP_##name = code,
-    KVX_INSTRUCTIONS(KVX_ASM_OPCODE)
-#undef KVX_ASM_OPCODE
-};
-
 /* Bits 0-7 opcode, 8-15 length in words (header included), 16-31 immediate. */
 static inline uint32_t kvx_asm_header(uint32_t op, uint32_t length, uint32_t imm)
 {
