@@ -10,11 +10,12 @@
 
 qoraPattern::qoraPattern() : m_thrd_num(1) {}
 
+// Region bytes are calloc blocks (see the golden loaders).
 void free_sub_golden(golden* g)
 {
     for (sub_golden* sg : g->sub_gdn_list) {
-        delete[] sg->data;
-        delete[] sg->mask;
+        free(sg->data);
+        free(sg->mask);
         delete sg;
     }
     g->sub_gdn_list.clear();
