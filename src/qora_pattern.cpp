@@ -33,8 +33,9 @@ void free_sub_golden(golden* g)
 }
 
 // A block the release rules keep on purpose. Under LeakSanitizer it is
-// marked so, one by one: which data blocks stay depends on the pattern's
-// position, which no allocation stack (what a suppression matches) shows.
+// marked so, one by one: which blocks stay depends on the pattern's position
+// or on the record's place in a list, which no allocation stack (what a
+// suppression matches) shows.
 static void keep_on_purpose(const void* block)
 {
 #ifdef QORA_LEAK_CHECKED
@@ -63,12 +64,21 @@ static void release_loaded_pattern(pattern* p, size_t position)
     }
 }
 
+// Releases a built-in pattern's first code buffer record only; the other
+// copies, which share the static tables, are kept as the player always has.
+static void release_builtin_pattern(pattern* p)
+{
+    delete p->sub_ptn_list.at(0);
+    for (size_t k = 1; k < p->sub_ptn_list.size(); k++)
+        keep_on_purpose(p->sub_ptn_list[k]);
+}
+
 qoraPattern::~qoraPattern()
 {
     for (size_t i = 0; i < m_ptn_list.size(); i++) {
         pattern* p = m_ptn_list[i];
         if (p->use_internal_ptn)
-            delete p->sub_ptn_list.at(0); // the other copies share static tables
+            release_builtin_pattern(p);
         else
             release_loaded_pattern(p, i);
         delete p;
@@ -81,6 +91,8 @@ qoraPattern::~qoraPattern()
     for (golden* g : m_gdn_list) {
         if (!g->use_internal_gdn)
             free_sub_golden(g);
+        for (sub_golden* sg : g->sub_gdn_list) // a built-in golden's region record is never released
+            keep_on_purpose(sg);
         delete g;
     }
 }
