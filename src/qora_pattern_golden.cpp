@@ -2,6 +2,7 @@
 // (regions tied to outputs by name, with "x" nibbles masked out) or from a
 // raw binary file (one region for the output at the golden's index).
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <strings.h>
@@ -16,6 +17,15 @@
 static uint32_t golden_block_size(uint32_t len)
 {
     return (len + 16384) & ~16383u;
+}
+
+// Golden blocks come zeroed from calloc: a byte no line reaches reads as
+// data 0 under mask 0, so the checker never counts it, and it costs no
+// memory until written (a large block is fresh pages from the system, which
+// calloc does not clear again). free_sub_golden gives them back with free.
+static uint8_t* new_golden_block(uint32_t len)
+{
+    return (uint8_t*)calloc(golden_block_size(len), 1);
 }
 
 static bool compare_golden_addr(sub_golden* a, sub_golden* b)
@@ -68,9 +78,9 @@ static bool open_region(const char* str, golden* g, std::vector<output*>& out_li
         *fail_line = __LINE__;
         return false;
     }
-    sg->data = new (std::nothrow) uint8_t[golden_block_size(sg->len)];
+    sg->data = new_golden_block(sg->len);
     if (sg->data != nullptr)
-        sg->mask = new (std::nothrow) uint8_t[golden_block_size(sg->len)];
+        sg->mask = new_golden_block(sg->len);
     if (sg->mask == nullptr) {
         *fail_line = __LINE__;
         return false;
@@ -78,17 +88,6 @@ static bool open_region(const char* str, golden* g, std::vector<output*>& out_li
     advise_huge_pages(sg->data, sg->len);
     advise_huge_pages(sg->mask, sg->len);
     return true;
-}
-
-// Bytes of a region no data line reached are not compared, as a binary
-// golden shorter than its output checks only its length. The blocks come
-// uncleared and the checker reads the whole region, so both are cleared.
-static void clear_unread_tail(sub_golden* region, uint32_t offset)
-{
-    if (region == nullptr || offset >= region->len)
-        return;
-    memset(region->data + offset, 0, region->len - offset);
-    memset(region->mask + offset, 0, region->len - offset);
 }
 
 // Whether the piece's text (up to its first NUL) is shorter than `len`.
@@ -126,7 +125,6 @@ int qoraPattern::load_golden_hex(golden* g)
             continue;
         if (line.data[0] == '@') {
             int fail_line = 0;
-            clear_unread_tail(region, offset);
             terminate_piece(line, str);
             if (!open_region(str, g, m_out_list, &fail_line))
                 return fail_golden(fp, g, fail_line);
@@ -163,7 +161,6 @@ int qoraPattern::load_golden_hex(golden* g)
         }
         offset += take;
     }
-    clear_unread_tail(region, offset);
     close_reporting(fp, "load_golden_hex", __LINE__);
     if (g->sub_gdn_list.size() >= 2)
         std::sort(g->sub_gdn_list.begin(), g->sub_gdn_list.end(), compare_golden_addr);
@@ -184,7 +181,7 @@ int qoraPattern::load_golden_bin(golden* g)
     sub_golden* sg = new sub_golden();
     g->sub_gdn_list.push_back(sg);
     sg->len = m_out_list.at(g->idx)->size;
-    sg->data = new (std::nothrow) uint8_t[golden_block_size(sg->len)];
+    sg->data = new_golden_block(sg->len);
     if (sg->data == nullptr) {
         close_reporting(fp, "load_golden_bin", __LINE__);
         free_sub_golden(g);

@@ -1,6 +1,7 @@
 // Accessors of the pattern set on sets built by hand.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 
@@ -14,8 +15,8 @@ sub_golden* region(uint32_t len, bool with_mask)
 {
     sub_golden* sg = new sub_golden();
     sg->len = len;
-    sg->data = new uint8_t[len + 1];
-    sg->mask = with_mask ? new uint8_t[len + 1] : nullptr;
+    sg->data = (uint8_t*)calloc(len + 1, 1);
+    sg->mask = with_mask ? (uint8_t*)calloc(len + 1, 1) : nullptr;
     return sg;
 }
 

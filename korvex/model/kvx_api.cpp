@@ -69,7 +69,7 @@ std::string name_of_buffer(korvex_session* s, const void* p)
     return "unknown";
 }
 
-const char* mem_type_name(korvex_mem_type t)
+const char* mem_type_name(int t)
 {
     return t == KORVEX_MEM_TYPE_DRAM ? "KORVEX_MEM_TYPE_DRAM" : t == KORVEX_MEM_TYPE_VLM ? "KORVEX_MEM_TYPE_VLM" : "?";
 }
@@ -364,9 +364,12 @@ int korvexSession_deleteInstance(korvex_session_t* session)
     });
 }
 
-uint64_t korvexSession_queryDeviceNum(korvex_session_t* session, korvex_device_type type)
+// The lambdas below see enumeration arguments as int: a caller may pass any
+// value, which the checks refuse.
+uint64_t korvexSession_queryDeviceNum(korvex_session_t* session, korvex_device_type type_arg)
 {
     const char* op = __func__;
+    const int type = type_arg;
     return guarded<uint64_t>(0, [&] {
         std::string args = trace_args([&] { return join(name_of(session), device_name(type)); });
         uint64_t n = 0;
@@ -378,7 +381,7 @@ uint64_t korvexSession_queryDeviceNum(korvex_session_t* session, korvex_device_t
 }
 
 // DRAM takes one of the allocation flags; the VLM handle none.
-static void* alloc_memory(korvex_session* session, unsigned int size, unsigned int align, korvex_mem_type type,
+static void* alloc_memory(korvex_session* session, unsigned int size, unsigned int align, int type,
                           uint64_t flags)
 {
     if (type == KORVEX_MEM_TYPE_DRAM && flags <= KORVEX_MEM_HIGHADDR)
@@ -389,9 +392,10 @@ static void* alloc_memory(korvex_session* session, unsigned int size, unsigned i
 }
 
 void* korvexSession_memAlloc(korvex_session_t* session, unsigned int size, unsigned int align,
-                             korvex_mem_type type, uint64_t flags)
+                             korvex_mem_type type_arg, uint64_t flags)
 {
     const char* op = __func__;
+    const int type = type_arg;
     return guarded<void*>(nullptr, [&] {
         std::string args = trace_args(
             [&] { return join(name_of(session), num(size), num(align), mem_type_name(type), num(flags)); });
@@ -413,9 +417,10 @@ int korvexSession_memFree(korvex_session_t* session, void* host_ptr)
     });
 }
 
-uint64_t korvexSession_memGetInfoFromHostPtr(korvex_session_t* session, void* host_ptr, korvex_mem_info info)
+uint64_t korvexSession_memGetInfoFromHostPtr(korvex_session_t* session, void* host_ptr, korvex_mem_info info_arg)
 {
     const char* op = __func__;
+    const int info = info_arg;
     return guarded<uint64_t>(0, [&] {
         std::string args =
             trace_args([&] { return join(name_of(session), name_of_buffer(session, host_ptr), info_name(info)); });
@@ -486,8 +491,6 @@ int korvexSession_deleteCmd(korvex_session_t* session, korvex_cmd_t* cmd)
     });
 }
 
-// The lambdas below see enumeration arguments as int: a caller may pass any
-// value, which the checks refuse.
 int korvexCmd_setParam(korvex_cmd_t* cmd, korvex_cmd_param_type type_arg, uint64_t value)
 {
     const int type = type_arg;
@@ -499,9 +502,10 @@ int korvexCmd_setParam(korvex_cmd_t* cmd, korvex_cmd_param_type type_arg, uint64
     });
 }
 
-korvex_subcmd_t* korvexCmd_createSubcmd(korvex_cmd_t* cmd, korvex_device_type type)
+korvex_subcmd_t* korvexCmd_createSubcmd(korvex_cmd_t* cmd, korvex_device_type type_arg)
 {
     const char* op = __func__;
+    const int type = type_arg;
     return guarded<korvex_subcmd*>(nullptr, [&] {
         std::string args = trace_args([&] { return join(name_of(cmd), device_name(type)); });
         korvex_subcmd* sub = nullptr;
@@ -566,9 +570,10 @@ int korvexSubCmd_addCmdBuf(korvex_subcmd_t* subcmd, void* cmd_buf, korvex_cb_dir
     });
 }
 
-uint64_t korvexSubCmd_getRunInfo(korvex_subcmd_t* subcmd, korvex_subcmd_runinfo_type type)
+uint64_t korvexSubCmd_getRunInfo(korvex_subcmd_t* subcmd, korvex_subcmd_runinfo_type type_arg)
 {
     const char* op = __func__;
+    const int type = type_arg;
     return guarded<uint64_t>(0, [&] {
         std::string args = trace_args([&] { return join(name_of(subcmd), runinfo_name(type)); });
         uint64_t v = !kvx::hook_fail(op) && live(subcmd) ? run_info(subcmd, type) : 0;

@@ -22,10 +22,15 @@ device_memory::device_memory() : m_next_low(kDramBase), m_next_high(kDramHigh), 
 {
 }
 
+static void free_views(const allocation& al)
+{
+    ::operator delete(al.host, std::align_val_t(al.host_align));
+    delete[] al.device;
+}
+
 static void drop(allocation* al)
 {
-    ::operator delete(al->host, std::align_val_t(al->host_align));
-    delete[] al->device;
+    free_views(*al);
     delete al;
 }
 
@@ -47,8 +52,7 @@ allocation* device_memory::enter(const allocation& fields)
 {
     allocation* al = new (std::nothrow) allocation(fields);
     if (al == nullptr) {
-        ::operator delete(fields.host, std::align_val_t(fields.host_align));
-        delete[] fields.device;
+        free_views(fields);
         return nullptr;
     }
     try {
