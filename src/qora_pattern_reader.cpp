@@ -5,6 +5,12 @@
 
 #include "qora_pattern_reader.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#elif defined(__aarch64__)
+#include <arm_neon.h>
+#endif
+
 uint32_t line_num = 0;
 uint32_t line_idx = 0;
 uint32_t last_progress = 0xFFFFFFFF;
@@ -24,32 +30,70 @@ static uint32_t next_change_idx(uint32_t percentage)
     return first < kNoWrapIdx ? (uint32_t)first : kNoWrapIdx;
 }
 
+// Line feeds of a block of text as a bit mask, found a vector at a time:
+// kFeedBits bits per byte, byte 0 in the lowest bits.
+#if defined(__SSE2__)
+static const size_t kScanBlock = 64;
+static const int kFeedBits = 1;
+static inline uint64_t line_feed_mask(const char* p)
+{
+    const __m128i feed = _mm_set1_epi8('\n');
+    uint64_t mask = 0;
+    for (int i = 0; i < 4; i++) {
+        __m128i chars = _mm_loadu_si128((const __m128i*)(p + 16 * i));
+        mask |= (uint64_t)(uint32_t)_mm_movemask_epi8(_mm_cmpeq_epi8(chars, feed)) << (16 * i);
+    }
+    return mask;
+}
+#elif defined(__aarch64__)
+static const size_t kScanBlock = 16;
+static const int kFeedBits = 4;
+static inline uint64_t line_feed_mask(const char* p)
+{
+    uint8x16_t found = vceqq_u8(vld1q_u8((const uint8_t*)p), vdupq_n_u8('\n'));
+    // Narrowing each 16-bit lane by four bits keeps four bits of each byte.
+    return vget_lane_u64(vreinterpret_u64_u8(vshrn_n_u16(vreinterpretq_u16_u8(found), 4)), 0);
+}
+#else
+static const size_t kScanBlock = 0; // line feeds are found by memchr alone
+static const int kFeedBits = 1;
+static inline uint64_t line_feed_mask(const char*)
+{
+    return 0;
+}
+#endif
+
+// A line of `total` characters before its line feed takes total / 119
+// whole pieces, then one more that ends with the line feed.
 uint32_t count_line_pieces(const char* text, size_t len, size_t* tail)
 {
     const size_t piece = QORA_LINE_BUF - 1;
     uint32_t pieces = 0;
-    const char* end = text + len;
-    while (text < end) {
-        if (*tail == 0 && is_usual_line(text, (size_t)(end - text))) {
-            pieces++;
-            text += 36;
+    size_t carry = *tail;   // characters of the open line before `text`
+    size_t line_start = 0;  // where the open line continues in `text`
+    size_t pos = 0;
+    // Lines between two line feeds of one block are shorter than a piece;
+    // only the line that ends at the block's first line feed can be longer.
+    for (; kScanBlock != 0 && pos + kScanBlock <= len; pos += kScanBlock) {
+        uint64_t feeds = line_feed_mask(text + pos);
+        if (feeds == 0)
             continue;
-        }
-        const char* nl = (const char*)memchr(text, '\n', (size_t)(end - text));
-        size_t run = (size_t)((nl ? nl : end) - text);
-        size_t total = *tail + run;
-        if (nl == nullptr) {
-            pieces += (uint32_t)(total / piece);
-            *tail = total % piece;
-            break;
-        }
-        // The line feed belongs to the piece it falls in, or starts a new one
-        // when the text before it filled a whole piece.
-        pieces += (uint32_t)(total / piece) + 1;
-        *tail = 0;
-        text = nl + 1;
+        size_t first = pos + (size_t)__builtin_ctzll(feeds) / kFeedBits;
+        pieces += (uint32_t)((carry + first - line_start) / piece);
+        pieces += (uint32_t)(__builtin_popcountll(feeds) / kFeedBits);
+        carry = 0;
+        line_start = pos + (size_t)(63 - __builtin_clzll(feeds)) / kFeedBits + 1;
     }
-    return pieces;
+    const char* nl;
+    while ((nl = (const char*)memchr(text + pos, '\n', len - pos)) != nullptr) {
+        size_t at = (size_t)(nl - text);
+        pieces += (uint32_t)((carry + at - line_start) / piece) + 1;
+        carry = 0;
+        line_start = pos = at + 1;
+    }
+    size_t total = carry + (len - line_start);
+    *tail = total % piece;
+    return pieces + (uint32_t)(total / piece);
 }
 
 static const size_t kReadChunk = 1 << 16;
