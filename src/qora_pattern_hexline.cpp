@@ -198,51 +198,70 @@ static size_t sse2_run(const char* text, size_t lines, uint8_t* data, uint8_t* m
 }
 
 // AVX2 classifies the whole line in one register and pairs the digits with
-// one multiply-add.
+// one multiply-add. The constants are made once per run and held in
+// registers: left to itself the compiler rebuilds each one on every line.
+struct avx2_consts {
+    __m256i zero, nine, lower, a, five, low4, x, weights;
+    __m128i reverse;
+};
+
+__attribute__((target("avx2"))) static inline avx2_consts avx2_make_consts()
+{
+    avx2_consts k{_mm256_set1_epi8('0'),     _mm256_set1_epi8(9),    _mm256_set1_epi8(0x20),
+                  _mm256_set1_epi8('a'),     _mm256_set1_epi8(5),    _mm256_set1_epi8(0x0F),
+                  _mm256_set1_epi8('x'),     _mm256_set1_epi16(0x0110),
+                  _mm_set_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15)};
+    asm("" : "+x"(k.zero), "+x"(k.nine), "+x"(k.lower), "+x"(k.a), "+x"(k.five), "+x"(k.low4), "+x"(k.x),
+        "+x"(k.weights), "+x"(k.reverse));
+    return k;
+}
+
+// Pair byte = high * 16 + low; the packed halves sit in the low quarter of
+// each lane; then the sixteen bytes are reversed.
+__attribute__((target("avx2"))) static inline void avx2_store_reversed(__m256i nibbles, const avx2_consts& k,
+                                                                      uint8_t* out)
+{
+    __m256i pairs = _mm256_maddubs_epi16(nibbles, k.weights);
+    __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi16(pairs, pairs), 0x08);
+    _mm_storeu_si128((__m128i*)out, _mm_shuffle_epi8(_mm256_castsi256_si128(packed), k.reverse));
+}
+
 template <bool kGolden>
-__attribute__((target("avx2"))) static inline bool avx2_line(const char* line, uint8_t* data, uint8_t* mask)
+__attribute__((target("avx2"))) static inline bool avx2_line(const char* line, const avx2_consts& k, uint8_t* data,
+                                                             uint8_t* mask)
 {
     if (!separators_in_place(line))
         return false;
     __m256i chars =
         _mm256_inserti128_si256(_mm256_castsi128_si256(two_groups(line, line + 9)), two_groups(line + 18, line + 27), 1);
-    __m256i digit = _mm256_sub_epi8(chars, _mm256_set1_epi8('0'));
-    __m256i is_digit = _mm256_cmpeq_epi8(_mm256_min_epu8(digit, _mm256_set1_epi8(9)), digit);
-    __m256i alpha = _mm256_sub_epi8(_mm256_or_si256(chars, _mm256_set1_epi8(0x20)), _mm256_set1_epi8('a'));
-    __m256i is_alpha = _mm256_cmpeq_epi8(_mm256_min_epu8(alpha, _mm256_set1_epi8(5)), alpha);
+    __m256i digit = _mm256_sub_epi8(chars, k.zero);
+    __m256i is_digit = _mm256_cmpeq_epi8(_mm256_min_epu8(digit, k.nine), digit);
+    __m256i alpha = _mm256_sub_epi8(_mm256_or_si256(chars, k.lower), k.a);
+    __m256i is_alpha = _mm256_cmpeq_epi8(_mm256_min_epu8(alpha, k.five), alpha);
     __m256i valid = _mm256_or_si256(is_digit, is_alpha);
-    __m256i value = _mm256_add_epi8(_mm256_and_si256(chars, _mm256_set1_epi8(0x0F)),
-                                    _mm256_and_si256(is_alpha, _mm256_set1_epi8(9)));
-    __m256i keep = _mm256_setzero_si256();
+    __m256i value = _mm256_add_epi8(_mm256_and_si256(chars, k.low4), _mm256_and_si256(is_alpha, k.nine));
+    __m256i keep = k.low4;
     if constexpr (kGolden) {
-        __m256i is_x = _mm256_cmpeq_epi8(chars, _mm256_set1_epi8('x'));
+        __m256i is_x = _mm256_cmpeq_epi8(chars, k.x);
         valid = _mm256_or_si256(valid, is_x);
         value = _mm256_andnot_si256(is_x, value);
-        keep = _mm256_andnot_si256(is_x, _mm256_set1_epi8(0x0F));
+        keep = _mm256_andnot_si256(is_x, k.low4);
     }
     if (_mm256_movemask_epi8(valid) != -1)
         return false;
-    // Pair byte = high * 16 + low; the packed halves sit in the low quarter
-    // of each lane; then reverse the sixteen bytes.
-    const __m256i weights = _mm256_set1_epi16(0x0110);
-    const __m128i reverse = _mm_set_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
-    __m256i pairs = _mm256_maddubs_epi16(value, weights);
-    __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi16(pairs, pairs), 0x08);
-    _mm_storeu_si128((__m128i*)data, _mm_shuffle_epi8(_mm256_castsi256_si128(packed), reverse));
-    if constexpr (kGolden) {
-        __m256i keep_pairs = _mm256_maddubs_epi16(keep, weights);
-        __m256i keep_packed = _mm256_permute4x64_epi64(_mm256_packus_epi16(keep_pairs, keep_pairs), 0x08);
-        _mm_storeu_si128((__m128i*)mask, _mm_shuffle_epi8(_mm256_castsi256_si128(keep_packed), reverse));
-    }
+    avx2_store_reversed(value, k, data);
+    if constexpr (kGolden)
+        avx2_store_reversed(keep, k, mask);
     return true;
 }
 
 template <bool kGolden>
 __attribute__((target("avx2"))) static size_t avx2_run(const char* text, size_t lines, uint8_t* data, uint8_t* mask)
 {
+    const avx2_consts k = avx2_make_consts();
     size_t i = 0;
     for (; i < lines; i++, text += 36) {
-        if (text[35] != '\n' || !avx2_line<kGolden>(text, data + 16 * i, kGolden ? mask + 16 * i : nullptr))
+        if (text[35] != '\n' || !avx2_line<kGolden>(text, k, data + 16 * i, kGolden ? mask + 16 * i : nullptr))
             break;
     }
     return i;

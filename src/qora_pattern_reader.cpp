@@ -30,70 +30,100 @@ static uint32_t next_change_idx(uint32_t percentage)
     return first < kNoWrapIdx ? (uint32_t)first : kNoWrapIdx;
 }
 
-// Line feeds of a block of text as a bit mask, found a vector at a time:
-// kFeedBits bits per byte, byte 0 in the lowest bits.
-#if defined(__SSE2__)
-static const size_t kScanBlock = 64;
-static const int kFeedBits = 1;
-static inline uint64_t line_feed_mask(const char* p)
+// A line of `run` characters before its line feed takes run / 119 whole
+// pieces, then one more that ends with the line feed. Offsets below are
+// relative to the text counted; the open line may have started before it
+// (a negative start).
+static const ptrdiff_t kPiece = QORA_LINE_BUF - 1;
+
+// The whole pieces of a line that ends at `feed`, beyond the one its line
+// feed ends.
+static inline uint32_t whole_pieces_before(ptrdiff_t feed, ptrdiff_t line_start)
 {
+    ptrdiff_t run = feed - line_start;
+    return run < kPiece ? 0 : (uint32_t)(run / kPiece);
+}
+
+// Blocks of text searched for line feeds a vector at a time: every line
+// feed ends one piece, counted in vector lanes; a line can only be longer
+// than a piece when it ends at the first line feed of its block, so only
+// that one is measured. Counts up to `len` in whole blocks; `*pos` moves to
+// the first byte not counted.
+#if defined(__SSE2__)
+static uint32_t count_pieces_in_blocks(const char* text, size_t len, size_t* pos, ptrdiff_t* line_start)
+{
+    const size_t block = 64;
+    const size_t batch = 60; // blocks per count: a lane takes at most 4 a block
     const __m128i feed = _mm_set1_epi8('\n');
-    uint64_t mask = 0;
-    for (int i = 0; i < 4; i++) {
-        __m128i chars = _mm_loadu_si128((const __m128i*)(p + 16 * i));
-        mask |= (uint64_t)(uint32_t)_mm_movemask_epi8(_mm_cmpeq_epi8(chars, feed)) << (16 * i);
+    uint32_t pieces = 0;
+    while (*pos + block <= len) {
+        __m128i lanes = _mm_setzero_si128();
+        for (size_t n = 0; n < batch && *pos + block <= len; n++, *pos += block) {
+            const char* p = text + *pos;
+            __m128i f0 = _mm_cmpeq_epi8(_mm_loadu_si128((const __m128i*)p), feed);
+            __m128i f1 = _mm_cmpeq_epi8(_mm_loadu_si128((const __m128i*)(p + 16)), feed);
+            __m128i f2 = _mm_cmpeq_epi8(_mm_loadu_si128((const __m128i*)(p + 32)), feed);
+            __m128i f3 = _mm_cmpeq_epi8(_mm_loadu_si128((const __m128i*)(p + 48)), feed);
+            lanes = _mm_sub_epi8(_mm_sub_epi8(lanes, _mm_add_epi8(f0, f1)), _mm_add_epi8(f2, f3));
+            uint64_t feeds = (uint64_t)(uint32_t)_mm_movemask_epi8(f0) |
+                             (uint64_t)(uint32_t)_mm_movemask_epi8(f1) << 16 |
+                             (uint64_t)(uint32_t)_mm_movemask_epi8(f2) << 32 |
+                             (uint64_t)(uint32_t)_mm_movemask_epi8(f3) << 48;
+            if (feeds == 0)
+                continue;
+            pieces += whole_pieces_before((ptrdiff_t)*pos + __builtin_ctzll(feeds), *line_start);
+            *line_start = (ptrdiff_t)*pos + 64 - __builtin_clzll(feeds);
+        }
+        __m128i sums = _mm_sad_epu8(lanes, _mm_setzero_si128());
+        pieces += (uint32_t)(_mm_cvtsi128_si32(sums) + _mm_cvtsi128_si32(_mm_unpackhi_epi64(sums, sums)));
     }
-    return mask;
+    return pieces;
 }
 #elif defined(__aarch64__)
-static const size_t kScanBlock = 16;
-static const int kFeedBits = 4;
-static inline uint64_t line_feed_mask(const char* p)
+static uint32_t count_pieces_in_blocks(const char* text, size_t len, size_t* pos, ptrdiff_t* line_start)
 {
-    uint8x16_t found = vceqq_u8(vld1q_u8((const uint8_t*)p), vdupq_n_u8('\n'));
-    // Narrowing each 16-bit lane by four bits keeps four bits of each byte.
-    return vget_lane_u64(vreinterpret_u64_u8(vshrn_n_u16(vreinterpretq_u16_u8(found), 4)), 0);
+    const size_t block = 16;
+    const size_t batch = 255; // blocks per count: a lane takes at most 1 a block
+    const uint8x16_t feed = vdupq_n_u8('\n');
+    uint32_t pieces = 0;
+    while (*pos + block <= len) {
+        uint8x16_t lanes = vdupq_n_u8(0);
+        for (size_t n = 0; n < batch && *pos + block <= len; n++, *pos += block) {
+            uint8x16_t found = vceqq_u8(vld1q_u8((const uint8_t*)text + *pos), feed);
+            lanes = vsubq_u8(lanes, found);
+            // Narrowing each 16-bit lane by four bits keeps four bits a byte.
+            uint64_t feeds = vget_lane_u64(vreinterpret_u64_u8(vshrn_n_u16(vreinterpretq_u16_u8(found), 4)), 0);
+            if (feeds == 0)
+                continue;
+            pieces += whole_pieces_before((ptrdiff_t)*pos + __builtin_ctzll(feeds) / 4, *line_start);
+            *line_start = (ptrdiff_t)*pos + 16 - __builtin_clzll(feeds) / 4;
+        }
+        pieces += vaddlvq_u8(lanes);
+    }
+    return pieces;
 }
 #else
-static const size_t kScanBlock = 0; // line feeds are found by memchr alone
-static const int kFeedBits = 1;
-static inline uint64_t line_feed_mask(const char*)
+static uint32_t count_pieces_in_blocks(const char*, size_t, size_t*, ptrdiff_t*)
 {
-    return 0;
+    return 0; // line feeds are found by memchr alone
 }
 #endif
 
-// A line of `total` characters before its line feed takes total / 119
-// whole pieces, then one more that ends with the line feed.
 uint32_t count_line_pieces(const char* text, size_t len, size_t* tail)
 {
-    const size_t piece = QORA_LINE_BUF - 1;
-    uint32_t pieces = 0;
-    size_t carry = *tail;   // characters of the open line before `text`
-    size_t line_start = 0;  // where the open line continues in `text`
+    ptrdiff_t line_start = -(ptrdiff_t)*tail;
     size_t pos = 0;
-    // Lines between two line feeds of one block are shorter than a piece;
-    // only the line that ends at the block's first line feed can be longer.
-    for (; kScanBlock != 0 && pos + kScanBlock <= len; pos += kScanBlock) {
-        uint64_t feeds = line_feed_mask(text + pos);
-        if (feeds == 0)
-            continue;
-        size_t first = pos + (size_t)__builtin_ctzll(feeds) / kFeedBits;
-        pieces += (uint32_t)((carry + first - line_start) / piece);
-        pieces += (uint32_t)(__builtin_popcountll(feeds) / kFeedBits);
-        carry = 0;
-        line_start = pos + (size_t)(63 - __builtin_clzll(feeds)) / kFeedBits + 1;
-    }
+    uint32_t pieces = count_pieces_in_blocks(text, len, &pos, &line_start);
     const char* nl;
     while ((nl = (const char*)memchr(text + pos, '\n', len - pos)) != nullptr) {
-        size_t at = (size_t)(nl - text);
-        pieces += (uint32_t)((carry + at - line_start) / piece) + 1;
-        carry = 0;
-        line_start = pos = at + 1;
+        ptrdiff_t at = nl - text;
+        pieces += whole_pieces_before(at, line_start) + 1;
+        line_start = at + 1;
+        pos = (size_t)at + 1;
     }
-    size_t total = carry + (len - line_start);
-    *tail = total % piece;
-    return pieces + (uint32_t)(total / piece);
+    ptrdiff_t total = (ptrdiff_t)len - line_start;
+    *tail = (size_t)(total % kPiece);
+    return pieces + (uint32_t)(total / kPiece);
 }
 
 static const size_t kReadChunk = 1 << 16;
