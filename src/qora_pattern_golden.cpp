@@ -101,6 +101,22 @@ static inline bool text_shorter_than(text_piece line, size_t len)
     return false;
 }
 
+// A run of usual data lines decoded straight into the open region: as many
+// as the chunk in hand holds, whole lines that fit the region, with the bar
+// not changing on the way. Any other line is read one at a time.
+static void load_golden_run(line_reader* reader, sub_golden* region, uint32_t* offset)
+{
+    if (region == nullptr)
+        return;
+    size_t lines = reader->rest().n / 36;
+    lines = std::min<size_t>(lines, progress_quiet_reads());
+    lines = std::min<size_t>(lines, (region->len - *offset) / 16);
+    size_t done = decode_golden_lines(reader->rest().data, lines, region->data + *offset, region->mask + *offset);
+    reader->skip(36 * done);
+    progress_skip((uint32_t)done);
+    *offset += (uint32_t)(16 * done);
+}
+
 int qoraPattern::load_golden_hex(golden* g)
 {
     if (g->idx >= m_out_list.size()) {
@@ -119,7 +135,10 @@ int qoraPattern::load_golden_hex(golden* g)
     sub_golden* region = nullptr;
     uint32_t offset = 0;
     text_piece line;
-    while ((line = reader.next()).n > 0) {
+    for (;;) {
+        load_golden_run(&reader, region, &offset);
+        if ((line = reader.next()).n == 0)
+            break;
         show_progress_bar();
         if (text_shorter_than(line, 8) || line.data[0] == '/')
             continue;

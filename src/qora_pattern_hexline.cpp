@@ -2,13 +2,18 @@
 // "xxxxxxxx_xxxxxxxx_xxxxxxxx_xxxxxxxx".
 //
 // A line of 32 hex digits (the usual case) is decoded sixteen characters at
-// a time with SSE2 on x86-64, eight at a time in a 64-bit word elsewhere;
+// a time with SSE2 on x86-64 (runs of lines with AVX2 where the CPU has it)
+// and NEON on AArch64, eight at a time in a 64-bit word elsewhere;
 // another plain line (four groups of eight token characters joined by '_')
 // in one table-driven pass; any other line is read by sscanf itself, so all
 // ways give exactly what the sixteen-token format reads.
 #include <cstring>
+#include <vector>
 #if defined(__SSE2__)
-#include <emmintrin.h>
+#include <immintrin.h>
+#endif
+#if defined(__aarch64__)
+#include <arm_neon.h>
 #endif
 
 #include "qora_pattern.h"
@@ -116,24 +121,34 @@ static int scanned_codes(const char* line, size_t n, const std::array<uint8_t, 2
 
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "word-wise decoding assumes a little-endian host");
 
+// The vector decoders read a line at four fixed places, eight digits each.
+// Every lane is classified at once: a hex digit gives its value; for goldens
+// an 'x' gives 0 and a cleared mask nibble ("keep" holds 0x0F per compared
+// digit); any other character rejects the line.
+
 #if defined(__SSE2__)
 
-// Sixteen hex digits ([0-9a-fA-F] only) to their nibbles; false when any
-// character is not a hex digit.
-static inline bool hex_nibbles(__m128i chars, __m128i* nibbles)
+template <bool kGolden>
+static inline bool sse2_nibbles(__m128i chars, __m128i* value, __m128i* keep)
 {
     __m128i digit = _mm_sub_epi8(chars, _mm_set1_epi8('0'));
     __m128i is_digit = _mm_cmpeq_epi8(_mm_min_epu8(digit, _mm_set1_epi8(9)), digit);
     __m128i alpha = _mm_sub_epi8(_mm_or_si128(chars, _mm_set1_epi8(0x20)), _mm_set1_epi8('a'));
     __m128i is_alpha = _mm_cmpeq_epi8(_mm_min_epu8(alpha, _mm_set1_epi8(5)), alpha);
-    if (_mm_movemask_epi8(_mm_or_si128(is_digit, is_alpha)) != 0xFFFF)
-        return false;
-    *nibbles = _mm_or_si128(_mm_and_si128(is_digit, digit),
-                            _mm_and_si128(is_alpha, _mm_add_epi8(alpha, _mm_set1_epi8(10))));
-    return true;
+    __m128i valid = _mm_or_si128(is_digit, is_alpha);
+    // A digit's low four bits are its value; a letter's are 1-6, so add 9.
+    __m128i v = _mm_add_epi8(_mm_and_si128(chars, _mm_set1_epi8(0x0F)), _mm_and_si128(is_alpha, _mm_set1_epi8(9)));
+    if constexpr (kGolden) {
+        __m128i is_x = _mm_cmpeq_epi8(chars, _mm_set1_epi8('x'));
+        valid = _mm_or_si128(valid, is_x);
+        v = _mm_andnot_si128(is_x, v);
+        *keep = _mm_andnot_si128(is_x, _mm_set1_epi8(0x0F));
+    }
+    *value = v;
+    return _mm_movemask_epi8(valid) == 0xFFFF;
 }
 
-// Character pairs to bytes, one per 16-bit lane: the even character is the
+// Nibble pairs to bytes, one per 16-bit lane: the even character is the
 // high nibble.
 static inline __m128i pair_bytes(__m128i nibbles)
 {
@@ -146,21 +161,171 @@ static inline __m128i two_groups(const char* first, const char* second)
     return _mm_unpacklo_epi64(_mm_loadl_epi64((const __m128i*)first), _mm_loadl_epi64((const __m128i*)second));
 }
 
-// A line of 32 hex digits in four groups joined by '_', the usual case:
-// the sixteen bytes it spells, stored last pair first.
-static inline bool decode_hex_digits_sse2(const char* line, size_t n, uint8_t out[16])
+// The bytes the two halves spell, stored last pair first.
+static inline void sse2_store_reversed(__m128i front, __m128i back, uint8_t* out)
 {
-    __m128i front, back;
-    if (n < HEX_LINE_CHARS || !separators_in_place(line) || !hex_nibbles(two_groups(line, line + 9), &front) ||
-        !hex_nibbles(two_groups(line + 18, line + 27), &back))
-        return false;
     __m128i spelled = _mm_packus_epi16(pair_bytes(front), pair_bytes(back));
     // Reverse the sixteen bytes: words, then the bytes within each word.
     __m128i words = _mm_shuffle_epi32(spelled, _MM_SHUFFLE(0, 1, 2, 3));
     words = _mm_shufflehi_epi16(_mm_shufflelo_epi16(words, _MM_SHUFFLE(2, 3, 0, 1)), _MM_SHUFFLE(2, 3, 0, 1));
-    __m128i reversed = _mm_or_si128(_mm_slli_epi16(words, 8), _mm_srli_epi16(words, 8));
-    _mm_storeu_si128((__m128i*)out, reversed);
+    _mm_storeu_si128((__m128i*)out, _mm_or_si128(_mm_slli_epi16(words, 8), _mm_srli_epi16(words, 8)));
+}
+
+// A line of 32 digits in four groups joined by '_' (its first 35 bytes are
+// readable): its bytes and, for goldens, mask bytes; false for any other line.
+template <bool kGolden>
+static inline bool sse2_line(const char* line, uint8_t* data, uint8_t* mask)
+{
+    __m128i front, back, front_keep, back_keep;
+    if (!separators_in_place(line) || !sse2_nibbles<kGolden>(two_groups(line, line + 9), &front, &front_keep) ||
+        !sse2_nibbles<kGolden>(two_groups(line + 18, line + 27), &back, &back_keep))
+        return false;
+    sse2_store_reversed(front, back, data);
+    if constexpr (kGolden)
+        sse2_store_reversed(front_keep, back_keep, mask);
     return true;
+}
+
+template <bool kGolden>
+static size_t sse2_run(const char* text, size_t lines, uint8_t* data, uint8_t* mask)
+{
+    size_t i = 0;
+    for (; i < lines; i++, text += 36) {
+        if (text[35] != '\n' || !sse2_line<kGolden>(text, data + 16 * i, kGolden ? mask + 16 * i : nullptr))
+            break;
+    }
+    return i;
+}
+
+// AVX2 classifies the whole line in one register and pairs the digits with
+// one multiply-add. The constants are made once per run and held in
+// registers: left to itself the compiler rebuilds each one on every line.
+struct avx2_consts {
+    __m256i zero, nine, lower, a, five, low4, x, weights;
+    __m128i reverse;
+};
+
+__attribute__((target("avx2"))) static inline avx2_consts avx2_make_consts()
+{
+    avx2_consts k{_mm256_set1_epi8('0'),     _mm256_set1_epi8(9),    _mm256_set1_epi8(0x20),
+                  _mm256_set1_epi8('a'),     _mm256_set1_epi8(5),    _mm256_set1_epi8(0x0F),
+                  _mm256_set1_epi8('x'),     _mm256_set1_epi16(0x0110),
+                  _mm_set_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15)};
+    asm("" : "+x"(k.zero), "+x"(k.nine), "+x"(k.lower), "+x"(k.a), "+x"(k.five), "+x"(k.low4), "+x"(k.x),
+        "+x"(k.weights), "+x"(k.reverse));
+    return k;
+}
+
+// Pair byte = high * 16 + low; the packed halves sit in the low quarter of
+// each lane; then the sixteen bytes are reversed.
+__attribute__((target("avx2"))) static inline void avx2_store_reversed(__m256i nibbles, const avx2_consts& k,
+                                                                      uint8_t* out)
+{
+    __m256i pairs = _mm256_maddubs_epi16(nibbles, k.weights);
+    __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi16(pairs, pairs), 0x08);
+    _mm_storeu_si128((__m128i*)out, _mm_shuffle_epi8(_mm256_castsi256_si128(packed), k.reverse));
+}
+
+template <bool kGolden>
+__attribute__((target("avx2"))) static inline bool avx2_line(const char* line, const avx2_consts& k, uint8_t* data,
+                                                             uint8_t* mask)
+{
+    if (!separators_in_place(line))
+        return false;
+    __m256i chars =
+        _mm256_inserti128_si256(_mm256_castsi128_si256(two_groups(line, line + 9)), two_groups(line + 18, line + 27), 1);
+    __m256i digit = _mm256_sub_epi8(chars, k.zero);
+    __m256i is_digit = _mm256_cmpeq_epi8(_mm256_min_epu8(digit, k.nine), digit);
+    __m256i alpha = _mm256_sub_epi8(_mm256_or_si256(chars, k.lower), k.a);
+    __m256i is_alpha = _mm256_cmpeq_epi8(_mm256_min_epu8(alpha, k.five), alpha);
+    __m256i valid = _mm256_or_si256(is_digit, is_alpha);
+    __m256i value = _mm256_add_epi8(_mm256_and_si256(chars, k.low4), _mm256_and_si256(is_alpha, k.nine));
+    __m256i keep = k.low4;
+    if constexpr (kGolden) {
+        __m256i is_x = _mm256_cmpeq_epi8(chars, k.x);
+        valid = _mm256_or_si256(valid, is_x);
+        value = _mm256_andnot_si256(is_x, value);
+        keep = _mm256_andnot_si256(is_x, k.low4);
+    }
+    if (_mm256_movemask_epi8(valid) != -1)
+        return false;
+    avx2_store_reversed(value, k, data);
+    if constexpr (kGolden)
+        avx2_store_reversed(keep, k, mask);
+    return true;
+}
+
+template <bool kGolden>
+__attribute__((target("avx2"))) static size_t avx2_run(const char* text, size_t lines, uint8_t* data, uint8_t* mask)
+{
+    const avx2_consts k = avx2_make_consts();
+    size_t i = 0;
+    for (; i < lines; i++, text += 36) {
+        if (text[35] != '\n' || !avx2_line<kGolden>(text, k, data + 16 * i, kGolden ? mask + 16 * i : nullptr))
+            break;
+    }
+    return i;
+}
+
+#endif
+
+#if defined(__aarch64__)
+
+template <bool kGolden>
+static inline bool neon_nibbles(uint8x16_t chars, uint8x16_t* value, uint8x16_t* keep)
+{
+    uint8x16_t digit = vsubq_u8(chars, vdupq_n_u8('0'));
+    uint8x16_t is_digit = vcleq_u8(digit, vdupq_n_u8(9));
+    uint8x16_t alpha = vsubq_u8(vorrq_u8(chars, vdupq_n_u8(0x20)), vdupq_n_u8('a'));
+    uint8x16_t is_alpha = vcleq_u8(alpha, vdupq_n_u8(5));
+    uint8x16_t valid = vorrq_u8(is_digit, is_alpha);
+    uint8x16_t v = vaddq_u8(vandq_u8(chars, vdupq_n_u8(0x0F)), vandq_u8(is_alpha, vdupq_n_u8(9)));
+    if constexpr (kGolden) {
+        uint8x16_t is_x = vceqq_u8(chars, vdupq_n_u8('x'));
+        valid = vorrq_u8(valid, is_x);
+        v = vbicq_u8(v, is_x);
+        *keep = vbicq_u8(vdupq_n_u8(0x0F), is_x);
+    }
+    *value = v;
+    return vminvq_u8(valid) == 0xFF;
+}
+
+// Even characters are the high nibbles; the sixteen bytes are stored last
+// pair first.
+static inline void neon_store_reversed(uint8x16_t front, uint8x16_t back, uint8_t* out)
+{
+    uint8x16_t spelled = vsliq_n_u8(vuzp2q_u8(front, back), vuzp1q_u8(front, back), 4);
+    uint8x16_t reversed = vrev64q_u8(spelled);
+    vst1q_u8(out, vextq_u8(reversed, reversed, 8));
+}
+
+static inline uint8x16_t neon_groups(const char* first, const char* second)
+{
+    return vcombine_u8(vld1_u8((const uint8_t*)first), vld1_u8((const uint8_t*)second));
+}
+
+template <bool kGolden>
+static inline bool neon_line(const char* line, uint8_t* data, uint8_t* mask)
+{
+    uint8x16_t front, back, front_keep = vdupq_n_u8(0), back_keep = vdupq_n_u8(0);
+    if (!separators_in_place(line) || !neon_nibbles<kGolden>(neon_groups(line, line + 9), &front, &front_keep) ||
+        !neon_nibbles<kGolden>(neon_groups(line + 18, line + 27), &back, &back_keep))
+        return false;
+    neon_store_reversed(front, back, data);
+    if constexpr (kGolden)
+        neon_store_reversed(front_keep, back_keep, mask);
+    return true;
+}
+
+template <bool kGolden>
+static size_t neon_run(const char* text, size_t lines, uint8_t* data, uint8_t* mask)
+{
+    size_t i = 0;
+    for (; i < lines; i++, text += 36) {
+        if (text[35] != '\n' || !neon_line<kGolden>(text, data + 16 * i, kGolden ? mask + 16 * i : nullptr))
+            break;
+    }
+    return i;
 }
 
 #endif
@@ -202,11 +367,95 @@ bool decode_hex_digits_words(const char* line, size_t n, uint8_t out[16])
 // The vector decoder where the host has one, the word one elsewhere.
 static inline bool decode_hex_digits(const char* line, size_t n, uint8_t out[16])
 {
+    if (n < HEX_LINE_CHARS)
+        return false;
 #if defined(__SSE2__)
-    return decode_hex_digits_sse2(line, n, out);
+    return sse2_line<false>(line, out, nullptr);
+#elif defined(__aarch64__)
+    return neon_line<false>(line, out, nullptr);
 #else
     return decode_hex_digits_words(line, n, out);
 #endif
+}
+
+// The portable run decoders: a golden line with an 'x' digit is left to
+// the exact per-line reading.
+static size_t words_data_run(const char* text, size_t lines, uint8_t* out)
+{
+    size_t i = 0;
+    for (; i < lines; i++, text += 36) {
+        if (text[35] != '\n' || !decode_hex_digits_words(text, 36, out + 16 * i))
+            break;
+    }
+    return i;
+}
+
+static size_t words_golden_run(const char* text, size_t lines, uint8_t* data, uint8_t* mask)
+{
+    size_t done = words_data_run(text, lines, data);
+    memset(mask, 0xFF, 16 * done);
+    return done;
+}
+
+#if defined(__SSE2__)
+static size_t sse2_data_run(const char* text, size_t lines, uint8_t* out)
+{
+    return sse2_run<false>(text, lines, out, nullptr);
+}
+
+__attribute__((target("avx2"))) static size_t avx2_data_run(const char* text, size_t lines, uint8_t* out)
+{
+    return avx2_run<false>(text, lines, out, nullptr);
+}
+#endif
+
+#if defined(__aarch64__)
+static size_t neon_data_run(const char* text, size_t lines, uint8_t* out)
+{
+    return neon_run<false>(text, lines, out, nullptr);
+}
+#endif
+
+// The decoders this CPU runs, widest first.
+static std::vector<hex_run_decoder> usable_run_decoders()
+{
+    std::vector<hex_run_decoder> list;
+#if defined(__SSE2__)
+    if (__builtin_cpu_supports("avx2"))
+        list.push_back({"avx2", avx2_data_run, avx2_run<true>});
+    list.push_back({"sse2", sse2_data_run, sse2_run<true>});
+#endif
+#if defined(__aarch64__)
+    list.push_back({"neon", neon_data_run, neon_run<true>});
+#endif
+    list.push_back({"words", words_data_run, words_golden_run});
+    return list;
+}
+
+const hex_run_decoder* hex_run_decoders(size_t* count)
+{
+    static const std::vector<hex_run_decoder> list = usable_run_decoders();
+    *count = list.size();
+    return list.data();
+}
+
+static const hex_run_decoder& run_decoder()
+{
+    static const hex_run_decoder* chosen = [] {
+        size_t count;
+        return hex_run_decoders(&count);
+    }();
+    return *chosen;
+}
+
+size_t decode_data_lines(const char* text, size_t lines, uint8_t* out)
+{
+    return run_decoder().data(text, lines, out);
+}
+
+size_t decode_golden_lines(const char* text, size_t lines, uint8_t* data, uint8_t* mask)
+{
+    return run_decoder().golden(text, lines, data, mask);
 }
 
 // The bytes (and, for goldens, the mask) of the 16 tokens, given each token's

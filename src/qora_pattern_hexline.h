@@ -33,6 +33,26 @@ int decode_data_line(const char* line, size_t n, uint8_t out[16]);
 // 15. Arguments and result as above.
 int decode_golden_line(const char* line, size_t n, uint8_t data[16], uint8_t mask[16]);
 
+// Runs of usual data lines: each 36 bytes, 32 hex digits in four groups
+// joined by '_' and a line feed (goldens also take 'x' digits). Decodes up
+// to `lines` of them from `text` into 16 bytes each (and, for goldens, their
+// mask bytes), stopping at the first line that is not one; such a line reads
+// exactly as decode_data_line / decode_golden_line would read it. Returns
+// the number of lines decoded. The widest vector decoder the CPU runs is
+// chosen once.
+size_t decode_data_lines(const char* text, size_t lines, uint8_t* out);
+size_t decode_golden_lines(const char* text, size_t lines, uint8_t* data, uint8_t* mask);
+
+// One implementation of the run decoders above; every one the host can run
+// is listed so that tests hold each against the exact rules.
+struct hex_run_decoder {
+    const char* name;
+    size_t (*data)(const char* text, size_t lines, uint8_t* out);
+    size_t (*golden)(const char* text, size_t lines, uint8_t* data, uint8_t* mask);
+};
+// The decoders this CPU runs, the one in use first; `count` gets how many.
+const hex_run_decoder* hex_run_decoders(size_t* count);
+
 // The portable decoder of the usual line, 32 hex digits in four groups
 // joined by '_': its 16 bytes in memory order, or false for any other line.
 // Hosts with a vector decoder use that one instead; tests run both.

@@ -348,6 +348,36 @@ static void load_data(text_piece line, fill_target* t)
     t->counted += 16;
 }
 
+// Lines a buffer of `counted` bytes takes before the next one that may
+// grow it: growth is tested where (size mod granule) + 16 reaches the
+// granule. The smallest granule is used, whose test points include those of
+// the larger ones.
+static uint32_t lines_before_growth(uint32_t counted)
+{
+    const uint32_t granule = 16384;
+    return (granule - 16 - (counted & (granule - 1))) / 16;
+}
+
+// A run of usual data lines decoded straight into the buffer: as many as the
+// chunk in hand holds, with neither the bar changing nor the buffer growing
+// on the way. Any other line is left to load_data. Returns the lines taken.
+static size_t load_data_run(line_reader* reader, fill_target* t)
+{
+    buffer* b = t->buf;
+    if (b == nullptr || b->data == nullptr || b->size != t->counted)
+        return 0;
+    size_t lines = reader->rest().n / 36;
+    lines = std::min<size_t>(lines, progress_quiet_reads());
+    lines = std::min<size_t>(lines, lines_before_growth(t->counted));
+    lines = std::min<size_t>(lines, (t->capacity - b->size) / 16);
+    size_t done = decode_data_lines(reader->rest().data, lines, b->data + b->size);
+    reader->skip(36 * done);
+    progress_skip((uint32_t)done);
+    b->size += (uint32_t)(16 * done);
+    t->counted += (uint32_t)(16 * done);
+    return done;
+}
+
 // Two leading characters that start neither a comment nor an '@' line.
 static inline bool is_data_line(text_piece line)
 {
@@ -372,7 +402,11 @@ int qoraPattern::load_pattern_hex(pattern* p)
     block_state block = BLOCK_NONE;
     fill_target target{nullptr, 0, 0};
     text_piece line;
-    while ((line = reader.next()).n > 0) {
+    for (;;) {
+        if (block != BLOCK_NONE && load_data_run(&reader, &target) > 0)
+            block = BLOCK_FILLING;
+        if ((line = reader.next()).n == 0)
+            break;
         show_progress_bar();
         // Most lines are data, decoded where they were read; only the other
         // lines are copied out and need their length.

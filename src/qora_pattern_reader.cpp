@@ -5,6 +5,12 @@
 
 #include "qora_pattern_reader.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#elif defined(__aarch64__)
+#include <arm_neon.h>
+#endif
+
 uint32_t line_num = 0;
 uint32_t line_idx = 0;
 uint32_t last_progress = 0xFFFFFFFF;
@@ -24,32 +30,100 @@ static uint32_t next_change_idx(uint32_t percentage)
     return first < kNoWrapIdx ? (uint32_t)first : kNoWrapIdx;
 }
 
-uint32_t count_line_pieces(const char* text, size_t len, size_t* tail)
+// A line of `run` characters before its line feed takes run / 119 whole
+// pieces, then one more that ends with the line feed. Offsets below are
+// relative to the text counted; the open line may have started before it
+// (a negative start).
+static const ptrdiff_t kPiece = QORA_LINE_BUF - 1;
+
+// The whole pieces of a line that ends at `feed`, beyond the one its line
+// feed ends.
+static inline uint32_t whole_pieces_before(ptrdiff_t feed, ptrdiff_t line_start)
 {
-    const size_t piece = QORA_LINE_BUF - 1;
+    ptrdiff_t run = feed - line_start;
+    return run < kPiece ? 0 : (uint32_t)(run / kPiece);
+}
+
+// Blocks of text searched for line feeds a vector at a time: every line
+// feed ends one piece, counted in vector lanes; a line can only be longer
+// than a piece when it ends at the first line feed of its block, so only
+// that one is measured. Counts up to `len` in whole blocks; `*pos` moves to
+// the first byte not counted.
+#if defined(__SSE2__)
+static uint32_t count_pieces_in_blocks(const char* text, size_t len, size_t* pos, ptrdiff_t* line_start)
+{
+    const size_t block = 64;
+    const size_t batch = 60; // blocks per count: a lane takes at most 4 a block
+    const __m128i feed = _mm_set1_epi8('\n');
     uint32_t pieces = 0;
-    const char* end = text + len;
-    while (text < end) {
-        if (*tail == 0 && is_usual_line(text, (size_t)(end - text))) {
-            pieces++;
-            text += 36;
-            continue;
+    while (*pos + block <= len) {
+        __m128i lanes = _mm_setzero_si128();
+        for (size_t n = 0; n < batch && *pos + block <= len; n++, *pos += block) {
+            const char* p = text + *pos;
+            __m128i f0 = _mm_cmpeq_epi8(_mm_loadu_si128((const __m128i*)p), feed);
+            __m128i f1 = _mm_cmpeq_epi8(_mm_loadu_si128((const __m128i*)(p + 16)), feed);
+            __m128i f2 = _mm_cmpeq_epi8(_mm_loadu_si128((const __m128i*)(p + 32)), feed);
+            __m128i f3 = _mm_cmpeq_epi8(_mm_loadu_si128((const __m128i*)(p + 48)), feed);
+            lanes = _mm_sub_epi8(_mm_sub_epi8(lanes, _mm_add_epi8(f0, f1)), _mm_add_epi8(f2, f3));
+            uint64_t feeds = (uint64_t)(uint32_t)_mm_movemask_epi8(f0) |
+                             (uint64_t)(uint32_t)_mm_movemask_epi8(f1) << 16 |
+                             (uint64_t)(uint32_t)_mm_movemask_epi8(f2) << 32 |
+                             (uint64_t)(uint32_t)_mm_movemask_epi8(f3) << 48;
+            if (feeds == 0)
+                continue;
+            pieces += whole_pieces_before((ptrdiff_t)*pos + __builtin_ctzll(feeds), *line_start);
+            *line_start = (ptrdiff_t)*pos + 64 - __builtin_clzll(feeds);
         }
-        const char* nl = (const char*)memchr(text, '\n', (size_t)(end - text));
-        size_t run = (size_t)((nl ? nl : end) - text);
-        size_t total = *tail + run;
-        if (nl == nullptr) {
-            pieces += (uint32_t)(total / piece);
-            *tail = total % piece;
-            break;
-        }
-        // The line feed belongs to the piece it falls in, or starts a new one
-        // when the text before it filled a whole piece.
-        pieces += (uint32_t)(total / piece) + 1;
-        *tail = 0;
-        text = nl + 1;
+        __m128i sums = _mm_sad_epu8(lanes, _mm_setzero_si128());
+        pieces += (uint32_t)(_mm_cvtsi128_si32(sums) + _mm_cvtsi128_si32(_mm_unpackhi_epi64(sums, sums)));
     }
     return pieces;
+}
+#elif defined(__aarch64__)
+static uint32_t count_pieces_in_blocks(const char* text, size_t len, size_t* pos, ptrdiff_t* line_start)
+{
+    const size_t block = 16;
+    const size_t batch = 255; // blocks per count: a lane takes at most 1 a block
+    const uint8x16_t feed = vdupq_n_u8('\n');
+    uint32_t pieces = 0;
+    while (*pos + block <= len) {
+        uint8x16_t lanes = vdupq_n_u8(0);
+        for (size_t n = 0; n < batch && *pos + block <= len; n++, *pos += block) {
+            uint8x16_t found = vceqq_u8(vld1q_u8((const uint8_t*)text + *pos), feed);
+            lanes = vsubq_u8(lanes, found);
+            // Narrowing each 16-bit lane by four bits keeps four bits a byte.
+            uint64_t feeds = vget_lane_u64(vreinterpret_u64_u8(vshrn_n_u16(vreinterpretq_u16_u8(found), 4)), 0);
+            if (feeds == 0)
+                continue;
+            pieces += whole_pieces_before((ptrdiff_t)*pos + __builtin_ctzll(feeds) / 4, *line_start);
+            *line_start = (ptrdiff_t)*pos + 16 - __builtin_clzll(feeds) / 4;
+        }
+        pieces += vaddlvq_u8(lanes);
+    }
+    return pieces;
+}
+#else
+static uint32_t count_pieces_in_blocks(const char*, size_t, size_t*, ptrdiff_t*)
+{
+    return 0; // line feeds are found by memchr alone
+}
+#endif
+
+uint32_t count_line_pieces(const char* text, size_t len, size_t* tail)
+{
+    ptrdiff_t line_start = -(ptrdiff_t)*tail;
+    size_t pos = 0;
+    uint32_t pieces = count_pieces_in_blocks(text, len, &pos, &line_start);
+    const char* nl;
+    while ((nl = (const char*)memchr(text + pos, '\n', len - pos)) != nullptr) {
+        ptrdiff_t at = nl - text;
+        pieces += whole_pieces_before(at, line_start) + 1;
+        line_start = at + 1;
+        pos = (size_t)at + 1;
+    }
+    ptrdiff_t total = (ptrdiff_t)len - line_start;
+    *tail = (size_t)(total % kPiece);
+    return pieces + (uint32_t)(total / kPiece);
 }
 
 static const size_t kReadChunk = 1 << 16;

@@ -42,6 +42,17 @@ inline void show_progress_bar()
     show_progress_bar_update();
 }
 
+// Reads that can be counted from here on without the bar changing, and
+// counting them at once: runs of lines pass the bar in one step.
+inline uint32_t progress_quiet_reads()
+{
+    return progress_next_idx > line_idx + 1 ? progress_next_idx - line_idx - 1 : 0;
+}
+inline void progress_skip(uint32_t reads)
+{
+    line_idx += reads;
+}
+
 // Number of 120-byte line reads (pieces of at most 119 characters, a piece
 // ending at each line feed) that fgets makes over `len` bytes of text.
 // `tail` carries a partial line across calls; start it at 0.
@@ -89,6 +100,18 @@ public:
     ~line_reader();
     line_reader(const line_reader&) = delete;
     line_reader& operator=(const line_reader&) = delete;
+
+    // The text read but not handed out yet, up to the end of the chunk in
+    // hand (empty when a piece ran across chunks), and handing out its first
+    // `n` bytes at once: whole lines only, so that pieces stay fgets's.
+    text_piece rest() const
+    {
+        return {m_data + m_pos, m_size - m_pos};
+    }
+    void skip(size_t n)
+    {
+        m_pos += n;
+    }
 
     // The next piece, valid until the next call; n is 0 at end of file.
     text_piece next()
