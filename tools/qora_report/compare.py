@@ -5,7 +5,10 @@ mismatch (output and golden differ under the golden's mask, over the
 shorter of the two, trailing bytes of a partial word not compared) and
 returns their counts, places, ranges, the bits and byte lanes that differ,
 and with a shape H x W x C the mismatching bytes per pixel and channel.
-Both files are read in chunks, so memory stays small beside the golden.
+Both files are read in chunks, so memory stays small beside the golden,
+of which only the region compared is held. A file that changes while it
+is read (its size or time, or a read that comes back short) is an error,
+never a comparison.
 numpy is loaded only once there is something to count: equal binary files
 are compared at the speed of memcmp, with no start-up cost beyond Python's.
 """
@@ -146,18 +149,28 @@ def _differing_words(out, gold, limit):
 
 
 def _golden_region(golden, dump_size, region):
-    """The text golden's region to compare, read with every region as long
-    as the dump (the output the player would size it by)."""
-    from .golden import GoldenError, read_text_golden
+    """The text golden's region to compare, every region taken as long as
+    the dump (the output the player would size it by). Only that region's
+    bytes are kept: the first read keeps the file's first region, which is
+    the one asked for when the golden has one; otherwise a second read keeps
+    the one asked for."""
+    from .golden import GoldenChanged, GoldenError, read_text_golden
+    wanted = 0
     try:
-        regions = read_text_golden(golden, lambda name: dump_size)
+        while True:
+            regions = read_text_golden(golden, lambda name: dump_size, keep=lambda i: i == wanted)
+            if not regions:
+                raise CompareError(f"{golden}: no region ('@' line) in the golden")
+            if not 0 <= region < len(regions):
+                raise CompareError(f"{golden}: region {region} asked, the golden has {len(regions)}")
+            if regions[region].data is not None:
+                return regions[region]
+            wanted = regions[region].order
+    except GoldenChanged as e:
+        raise CompareError(str(e)) from None
     except GoldenError as e:
         raise CompareError(f"{golden}: the player would not load it: {e}") from None
-    if not regions:
-        raise CompareError(f"{golden}: no region ('@' line) in the golden")
-    if not 0 <= region < len(regions):
-        raise CompareError(f"{golden}: region {region} asked, the golden has {len(regions)}")
-    return regions[region]
+
 
 
 def golden_kind(path):
@@ -171,11 +184,20 @@ def golden_kind(path):
 def _read(f, buf, size):
     """The next `size` bytes of `f`; read into `buf`, reused from chunk to
     chunk, when they fill it (a fresh buffer per chunk costs more in page
-    faults than the read itself)."""
+    faults than the read itself). A short read means the file shrank."""
     if size != len(buf):
-        return f.read(size)
-    got = f.readinto(buf)
-    return buf if got == size else buf[:got]
+        raw = f.read(size)
+    else:
+        raw = buf if f.readinto(buf) == size else b""
+    if len(raw) != size:
+        raise CompareError(f"{f.name}: changed while it was read")
+    return raw
+
+
+def _unchanged(f, before):
+    after = os.fstat(f.fileno())
+    if (after.st_size, after.st_mtime_ns) != (before.st_size, before.st_mtime_ns):
+        raise CompareError(f"{f.name}: changed while it was read")
 
 
 def _add_few(result, base, out, gold, listing):
@@ -202,6 +224,8 @@ def compare(dump, golden, region=0, shape=None, listing=None):
         if not os.path.isfile(path):
             raise CompareError(f"{path}: no such file")
     dump_size = os.path.getsize(dump)
+    if dump_size == 0:
+        raise CompareError(f"{dump}: empty dump, no output to compare")
     if shape and shape.bytes > dump_size:
         raise CompareError(f"shape {shape} needs {shape.bytes} bytes, {dump} holds {dump_size}")
     if kind == "bin":
@@ -219,6 +243,9 @@ def compare(dump, golden, region=0, shape=None, listing=None):
     size = 4 * min(CHUNK_WORDS, result.words)
     out_buf, gold_buf = bytearray(size), bytearray(size if text is None else 0)
     with open(dump, "rb") as out_f, open(golden, "rb") as gold_f:
+        stats = [os.fstat(out_f.fileno()), os.fstat(gold_f.fileno())]
+        if stats[0].st_size != dump_size or (text is None and stats[1].st_size != gold_size):
+            raise CompareError(f"{dump if stats[0].st_size != dump_size else golden}: changed while it was read")
         for base in range(0, result.words, CHUNK_WORDS):
             count = min(CHUNK_WORDS, result.words - base)
             raw = _read(out_f, out_buf, 4 * count)
@@ -231,6 +258,9 @@ def compare(dump, golden, region=0, shape=None, listing=None):
                 gold, mask = _words(gold_raw), None
             else:
                 gold = text.data[4 * base:4 * (base + count)].view("<u4")
-                mask = text.mask[4 * base:4 * (base + count)].view("<u4")
+                mask = text.mask_bytes(4 * base, 4 * (base + count)).view("<u4")
             result.add(base, _words(raw), gold, mask, listing)
+        _unchanged(out_f, stats[0])
+        if text is None:
+            _unchanged(gold_f, stats[1])
     return result

@@ -5,12 +5,15 @@ name, length, data and mask bytes the player's loader gives (bytes no data
 line reached read as 0 and are not compared), in the player's region order,
 or raises GoldenError with the message the player prints when its load
 fails. Lengths come from `length_of(name)`, which stands for the player's
-output list (0: no output of that name). Well-formed runs of lines are
-decoded with numpy; any other line is read the way the player's line scan
-reads it, one line at a time.
+output list (0: no output of that name). `keep(i)` picks the regions (by
+their place in the file) whose bytes are wanted; the others are walked for
+the loader's checks and hold no memory. A region's bytes cost memory only
+where data lines reach. Well-formed runs of lines are decoded with numpy;
+any other line is read the way the player's line scan reads it, one line at
+a time. A file that changes while it is read raises GoldenError.
 """
 import binascii
-import mmap
+import os
 
 import numpy as np
 
@@ -38,20 +41,32 @@ class GoldenError(Exception):
     """A golden the player would not load; the text is the player's message."""
 
 
-class Region:
-    """One region of a golden: its bytes as the comparison sees them."""
+class GoldenChanged(GoldenError):
+    """A golden that changed while it was read."""
 
-    def __init__(self, name, length):
+
+class Region:
+    """One region of a golden: its bytes as the comparison sees them. The
+    data are zero pages from the system until lines write them; the mask
+    exists only once a nibble is not compared (until then every byte below
+    `filled` is compared whole and none above it)."""
+
+    def __init__(self, name, length, order, kept=True):
         self.name = name
         self.length = length
-        # np.empty, then zeros written: numpy asks for huge pages for large
-        # arrays it leaves uninitialised (not for np.zeros), which makes
-        # first touching hundreds of MiB several times cheaper.
-        self.data = np.empty(length, np.uint8)
-        self.mask = np.empty(length, np.uint8)
-        self.data.fill(0)
-        self.mask.fill(0)
+        self.order = order  # its place in the file
+        self.data = np.zeros(length, np.uint8) if kept else None
+        self.mask = None
         self.filled = 0  # bytes the data lines reached so far
+
+    def mask_bytes(self, start, end):
+        """The mask of bytes [start, end)."""
+        if self.mask is not None:
+            return self.mask[start:end]
+        mask = np.zeros(end - start, np.uint8)
+        mask[:max(0, min(end, self.filled) - start)] = 0xFF
+        return mask
+
 
     def take(self, count):
         """Bytes the next `count` lines add: whole lines, then what is left."""
@@ -62,13 +77,24 @@ class Region:
         """Appends decoded lines (rows of 16 bytes in memory order)."""
         whole, rest = self.take(len(data))
         end = self.filled + 16 * whole
-        self.data[self.filled:end] = data[:whole].reshape(-1)
-        self.mask[self.filled:end] = 0xFF if mask is None else mask[:whole].reshape(-1)
+        if self.data is not None:
+            self.data[self.filled:end] = data[:whole].reshape(-1)
+            self._fill_mask(self.filled, end, None if mask is None else mask[:whole].reshape(-1))
         self.filled = end
         if whole < len(data) and rest:
-            self.data[end:end + rest] = data[whole, :rest]
-            self.mask[end:end + rest] = 0xFF if mask is None else mask[whole, :rest]
+            if self.data is not None:
+                self.data[end:end + rest] = data[whole, :rest]
+                self._fill_mask(end, end + rest, None if mask is None else mask[whole, :rest])
             self.filled += rest
+
+    def _fill_mask(self, start, end, values):
+        """Mask bytes [start, end): all compared (values None) or `values`."""
+        if values is None and self.mask is None:
+            return  # still implied by `filled`
+        if self.mask is None:
+            self.mask = np.zeros(self.length, np.uint8)
+            self.mask[:start] = 0xFF
+        self.mask[start:end] = 0xFF if values is None else values
 
 
 def scan_field(text, i, width):
@@ -142,9 +168,10 @@ def _decode_rows(rows):
 class _TextReader:
     """The loader's walk over the lines of a text golden."""
 
-    def __init__(self, length_of, fast):
+    def __init__(self, length_of, fast, keep):
         self.length_of = length_of
         self.fast = fast
+        self.keep = keep
         self.regions = []
         self.region = None
 
@@ -158,8 +185,8 @@ class _TextReader:
         elif self.region is not None:
             if len(text) >= PIECE:
                 raise GoldenError(LONG_LINE)
-            data, mask = decode_line(text)
-            self.region.store(data, mask)
+            if self.region.data is not None:
+                self.region.store(*decode_line(text))
 
     def open(self, text):
         name, _ = scan_field(text, 1, 9)  # "@%9s"
@@ -169,7 +196,8 @@ class _TextReader:
         length = self.length_of(name)
         if length == 0:
             raise GoldenError(f"region {name} names no output (the player: \"get invalid out sz\")")
-        self.region = Region(name, length)
+        order = len(self.regions)
+        self.region = Region(name, length, order, self.keep(order))
         self.regions.append(self.region)
 
     def pieces(self, buf):
@@ -190,6 +218,8 @@ class _TextReader:
             rows = a.reshape(-1, 36)
             first = rows[:, 0]
             if (rows[:, 35] == 0x0A).all() and not ((first == 0x2F) | (first == 0x40)).any():
+                if self.region.data is None:
+                    return  # a region not wanted: lines this short hold no error
                 decoded = _decode_rows(rows)
                 if decoded is not None:
                     self.region.store(*decoded)
@@ -218,8 +248,8 @@ class _TextReader:
         end = start + length * count
         if length >= PIECE:
             raise GoldenError(LONG_LINE)
-        if self.region.take(count) == (0, 0):
-            return  # past the region's end: the lines add nothing
+        if self.region.data is None or self.region.take(count) == (0, 0):
+            return  # a region not wanted, or past its end: the lines add nothing
         rows = a[start:end].reshape(count, length)
         decoded = _decode_rows(rows)
         if decoded is None:
@@ -230,22 +260,33 @@ class _TextReader:
         self.region.store(*decoded)
 
 
-def read_text_golden(path, length_of, fast=True):
+def read_text_golden(path, length_of, fast=True, keep=lambda index: True):
     """The regions of a text golden, sorted by name as the player sorts them."""
-    reader = _TextReader(length_of, fast)
+    reader = _TextReader(length_of, fast, keep)
     with open(path, "rb") as f:
-        try:  # mapped, so that no chunk is copied
-            text = mmap.mmap(f.fileno(), 0, access=mmap.ACCESS_READ)
-        except (OSError, ValueError):  # empty, or not a file that maps
-            text = f.read()
-    view, pos = memoryview(text), 0
-    while True:
-        # Whole lines of about CHUNK bytes (more when one line is longer).
-        cut = (text.rfind(b"\n", pos, pos + CHUNK) + 1) or (text.find(b"\n", pos + CHUNK) + 1)
-        if not cut:
-            break
-        reader.chunk(view[pos:cut])
-        pos = cut
-    reader.pieces(bytes(view[pos:]))  # a last line without a line feed
+        before = os.fstat(f.fileno())
+        rest = b""
+        while True:
+            block = f.read(CHUNK)
+            if not block:
+                break
+            text = rest + block
+            cut = text.rfind(b"\n") + 1  # whole lines now, the rest with the next block
+            if cut:
+                reader.chunk(memoryview(text)[:cut])
+            rest = text[cut:]
+            if len(rest) > CHUNK:  # no line feed for a long way: pieces, as the loader reads them
+                keep_from = len(rest) - len(rest) % PIECE
+                reader.pieces(rest[:keep_from])
+                rest = rest[keep_from:]
+        reader.pieces(rest)  # a last line without a line feed
+        _unchanged(f, before, path)
     reader.regions.sort(key=lambda r: r.name.encode("latin-1").lower())
     return reader.regions
+
+
+def _unchanged(f, before, path):
+    """Raises GoldenError when the file changed while it was read."""
+    after = os.fstat(f.fileno())
+    if (after.st_size, after.st_mtime_ns) != (before.st_size, before.st_mtime_ns) or f.tell() != after.st_size:
+        raise GoldenChanged(f"{path}: changed while it was read")

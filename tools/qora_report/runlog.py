@@ -4,24 +4,38 @@ Contract: `parse_log(path)` reads what one run of the player printed (any
 debug mask, with progress bars, foreign lines and a cut-off end) and
 returns a plain dict ready for JSON: the pattern, the settings the log
 shows, every loop with its verdict, timings, PMU counts and mismatches, and
-the run's verdict and exit status where the log settles them. It raises
-LogError only when the file cannot be read or holds no line of the player.
+the run's verdict and exit status where the log settles them. The file is
+read in pieces of at most LINE_LIMIT bytes, so a log without line feeds
+costs no more memory than a short one. It raises LogError only when the
+file cannot be read or holds no line of the player.
 """
 import os
 import re
 
-PREFIX = re.compile(r"\[([IWED]):([A-Za-z_~][A-Za-z0-9_~]*):(\d+)\] ")
+PREFIX = re.compile(r"\[([IWED]):([A-Za-z_~][A-Za-z0-9_~]*):(\d{1,20})\] ")
 # Plain lines of the pattern and golden loaders.
 LOADER = re.compile(r"open file\(|Golden file type: Fail|No pattern data|Warning|Allocate memory FAIL"
                     r"|Realloc Fail!!|free golden\(|data buf num >=|binding num\(|\w+\(\):\d+ ")
 LOADER_FAILURE = re.compile(r"open file\(|Warning : len >= 120")
-MASKED = re.compile(r"\s*(\d+): output = ([0-9a-f]+), golden = ([0-9a-f]+), mask = ([0-9a-f]+)")
-PLAIN = re.compile(r"index = (\d+), outout = 0x([0-9a-f]+), golden = 0x([0-9a-f]+)")
-DEV_VA = re.compile(r"(\S+): dev va = 0x([0-9a-f]+) (?:sz|size) = (-?\d+)")
-FLOW = re.compile(r"---- flow id = (\d+) \(cmd_log = 0x([0-9a-f]+)\), time = (-?\d+) us")
-EVT = re.compile(r"evt:0x([0-9a-f]+), cnt: (\d+)")
-RES = re.compile(r"res: core(-?\d+), (?:last finished flow id = (-?\d+)|irq hint = 0x([0-9a-f]+))")
-FIRST_INT = re.compile(r"-?\d+")
+# Loader lines that say a golden named on the command line was not loaded
+# (a pattern file that cannot be opened prints "open file(%s) \\n" instead,
+# a binary pattern "open file(<name>.bin) error").
+GOLDEN_FAILURE = re.compile(r"Golden file type: Fail|No pattern data|open file\(.*(\.hex\) error|\) error )"
+                            r"|load_golden_hex\(\):\d+ get invalid out sz|Warning : len >= 120"
+                            r"|Warning : read golden size|free golden\(")
+# A data line the golden loader could not scan: harmless beside a comparison
+# that ran, the cause of one that could not.
+GOLDEN_SCAN = re.compile(r"load_golden_hex\(\):\d+ sscanf fail")
+PROGRESS = re.compile(r"\[[# ]*\]\[\d+%\]")
+LINE_LIMIT = 1 << 16
+LINE_END = re.compile(r"\r\n?|\n")
+MASKED = re.compile(r"\s*(\d{1,20}): output = ([0-9a-f]{1,16}), golden = ([0-9a-f]{1,16}), mask = ([0-9a-f]{1,16})")
+PLAIN = re.compile(r"index = (\d{1,20}), outout = 0x([0-9a-f]{1,16}), golden = 0x([0-9a-f]{1,16})")
+DEV_VA = re.compile(r"(\S+): dev va = 0x([0-9a-f]{1,16}) (?:sz|size) = (-?\d{1,20})")
+FLOW = re.compile(r"---- flow id = (\d{1,20}) \(cmd_log = 0x([0-9a-f]{1,16})\), time = (-?\d{1,20}) us")
+EVT = re.compile(r"evt:0x([0-9a-f]{1,16}), cnt: (\d{1,20})")
+RES = re.compile(r"res: core(-?\d{1,20}), (?:last finished flow id = (-?\d{1,20})|irq hint = 0x([0-9a-f]{1,16}))")
+FIRST_INT = re.compile(r"-?\d{1,20}")
 
 # Statistics lines: message start, field, order within a sub-command.
 TIMINGS = {
@@ -31,6 +45,7 @@ TIMINGS = {
 }
 PMU_STAGE, CORE_STAGE = 10, 12
 EXIT_STATUS = {"pass": 0, "not_compared": 0, "fail": 1, "error": 1}
+SPLIT_NAME = ": dev va = "  # a buffer line whose address text ended in a line terminator
 
 
 class LogError(Exception):
@@ -49,7 +64,7 @@ def _int(text):
 class _Reader:
     def __init__(self, path):
         self.log = {"file": path, "board": board_name(path),
-                    "pattern": None, "settings": {"buffers": [], "outputs": [], "relocations": 0},
+                    "pattern": None, "settings": {},
                     "loops": [], "verdict": None, "exit_status": None, "loops_reported": None,
                     "messages": [], "loader_messages": []}
         self.loop = None
@@ -57,13 +72,14 @@ class _Reader:
         self.stage = -1
         self.player_lines = 0
         self.final = None
+        self.split_name = None  # a debug line that may be a buffer's address text
         self.handlers = {
             "Run comm": self.run_command, "ran on c": self.ran_on,
             "---- sta": self.compare_start, "pmu freq": self.pmu_freq, "--------": self.pmu_normal,
             "evt:0x": self.pmu_count, "---- flo": self.pmu_flow, "---- ip ": self.pmu_ip_time,
             "burst_mo": self.pmu_burst, "index = ": self.plain_mismatch, "res: cor": self.result_record,
             "Get patt": self.pattern, "set prio": self.setting, "set core": self.setting,
-            "codebuf ": self.relocation, "output-": self.output_fail, "dump out": self.dump,
+            "codebuf ": self.relocation, "dump out": self.dump,
             "Verify p": self.verified, "Run patt": self.done, "QORA loo": self.compare_fail,
             "Command ": self.command_fail, "no golde": self.not_compared, "golden n": self.not_compared,
             "no outpu": self.not_compared,
@@ -71,20 +87,27 @@ class _Reader:
 
     # -- lines and messages
     def line(self, line):
+        """One line, without its terminator."""
         m = PREFIX.search(line)
         if m is None:
-            if LOADER.match(line.lstrip("\r")):
+            if line.startswith(SPLIT_NAME) and self.split_name is not None:
+                self.message("D", self.split_name + line, self.split_name + line)
+            elif LOADER.match(line):
                 self.log["loader_messages"].append(line.strip())
+            elif PROGRESS.match(line):
+                self.player_lines += 1  # a loader's progress bar
+            self.split_name = None
             return
         while m is not None:
             nxt = PREFIX.search(line, m.end())
             end = nxt.start() if nxt else len(line)
-            self.message(m.group(1), line[m.start():end].rstrip("\n"), line[m.end():end].rstrip("\n"))
+            self.message(m.group(1), line[m.start():end], line[m.end():end])
             m = nxt
 
     def message(self, level, text, msg):
         self.player_lines += 1
         handler = self.handler(msg)
+        self.split_name = msg if handler is None and level == "D" else None
         try:
             if handler is not None:
                 handler(msg, text)
@@ -159,20 +182,26 @@ class _Reader:
     def pmu_burst(self, msg, text):
         pmu = self.pmu()
         if pmu is not None:
-            pmu.update(mode="flusher", burst_mode=int(msg.split("0x", 1)[1], 16), flows=[])
+            pmu.update(mode="flusher", burst_mode=int(msg.split("0x", 1)[1][:8], 16), flows=[])
 
     def pmu_flow(self, msg, text):
         pmu, m = self.pmu(), FLOW.match(msg)
         if pmu is not None and m and "flows" in pmu:
             pmu["flows"].append({"flow": int(m.group(1)), "cmd_log": int(m.group(2), 16),
                                  "time_us": int(m.group(3)), "counts": {}})
+            pmu["counts"] = {}  # the run's totals are the last flow's
 
     def pmu_count(self, msg, text):
+        """A count; in flusher mode each flow's record holds the running
+        totals of the run so far, so the last flow's are the run's totals."""
         pmu, m = self.pmu(), EVT.match(msg)
         if pmu is None or m is None:
             return
-        counts = pmu["flows"][-1]["counts"] if pmu.get("flows") else pmu["counts"]
-        counts["0x" + m.group(1)] = int(m.group(2))
+        event, count = "0x" + m.group(1), int(m.group(2))
+        if pmu.get("flows"):
+            pmu["flows"][-1]["counts"][event] = count
+        if pmu.get("flows") or "flows" not in pmu:
+            pmu["counts"][event] = count
 
     def pmu_ip_time(self, msg, text):
         pmu = self.pmu()
@@ -183,7 +212,7 @@ class _Reader:
     def compare_start(self, msg, text):
         if self.loop is not None:
             self.loop["compared"] = self.loop["compared"] is not False
-            self.loop["outputs"].append({"output": _int(msg), "mismatches": [], "failed": False})
+            self.loop["outputs"].append({"output": _int(msg), "mismatches": []})
 
     def current_output(self):
         if self.loop is None or not self.loop["outputs"]:
@@ -201,12 +230,6 @@ class _Reader:
         if out is not None and m is not None:
             out["mismatches"].append({"word": int(m.group(1)), "output": int(m.group(2), 16),
                                       "golden": int(m.group(3), 16)})
-
-    def output_fail(self, msg, text):
-        if self.loop is not None and self.loop["outputs"]:
-            index = _int(msg)
-            for out in self.loop["outputs"]:
-                out["failed"] = out["failed"] or out["output"] == index
 
     def not_compared(self, msg, text):
         if self.loop is not None:
@@ -227,14 +250,22 @@ class _Reader:
     def buffer(self, msg, text):
         m = DEV_VA.match(msg)
         record = {"dev_va": int(m.group(2), 16), "size": int(m.group(3))}
+        settings = self.memory_settings()
         if m.group(1) == "output_buf":
-            if record not in self.log["settings"]["outputs"]:
-                self.log["settings"]["outputs"].append(record)
+            if record not in settings["outputs"]:
+                settings["outputs"].append(record)
         else:
-            self.log["settings"]["buffers"].append(dict(name=m.group(1), **record))
+            settings["buffers"].append(dict(name=m.group(1), **record))
 
     def relocation(self, msg, text):
-        self.log["settings"]["relocations"] += 1
+        self.memory_settings()["relocations"] += 1
+
+    def memory_settings(self):
+        """The settings debug bit 2 shows; absent from logs without it."""
+        settings = self.log["settings"]
+        for key, empty in (("buffers", []), ("outputs", []), ("relocations", 0)):
+            settings.setdefault(key, empty)
+        return settings
 
     # -- verdicts
     def settle(self, verdict):
@@ -277,7 +308,27 @@ class _Reader:
                                   for loop in loops for s in loop["subcommands"])
         for loop in loops:
             loop.pop("compared")
+            for out in loop["outputs"]:
+                out["failed"] = bool(out["mismatches"])  # a failing output lists at least one word
+        self.golden_error()
         return log
+
+    def golden_error(self):
+        """A run that compared nothing, or passed, while a golden named on
+        the command line was not loaded: never trusted as a pass."""
+        log = self.log
+        if log["verdict"] not in ("pass", "not_compared"):
+            return
+        lines = log["loader_messages"]
+        reason = next((m for m in lines if GOLDEN_FAILURE.match(m)), None)
+        if reason is None and log["verdict"] == "not_compared":
+            reason = next((m for m in lines if GOLDEN_SCAN.match(m)), None)
+        if reason is None:
+            return
+        log["verdict"], log["reason"] = "golden_error", reason
+        for loop in log["loops"]:
+            if loop["verdict"] in ("pass", "not_compared"):
+                loop["verdict"] = "golden_error"
 
 
 def _stops_the_build(log):
@@ -293,16 +344,28 @@ def pmu_counts(sub):
     return [pmu.get("counts", {})] + [flow["counts"] for flow in pmu.get("flows", [])]
 
 
+def _lines(f):
+    """The lines of a binary file (ends: CR LF, CR, LF), as text, in pieces of
+    at most LINE_LIMIT bytes."""
+    while True:
+        piece = f.readline(LINE_LIMIT)
+        if not piece:
+            return
+        text = piece.decode("utf-8", errors="replace")
+        yield from LINE_END.split(text[:-1] if text.endswith("\n") else text)
+
+
 def parse_log(path):
     """The results of one player log (see the module's contract)."""
     reader = _Reader(path)
+    size = 0
     try:
-        with open(path, encoding="utf-8", errors="replace", newline=None) as f:
-            for line in f:
+        with open(path, "rb") as f:
+            for line in _lines(f):
                 reader.line(line)
+            size = f.tell()
     except OSError as e:
         raise LogError(f"{path}: {e.strerror}") from None
     if reader.player_lines == 0 and not reader.log["loader_messages"]:
-        raise LogError(f"{path}: no line of the player in it" if os.path.getsize(path)
-                       else f"{path}: empty file")
+        raise LogError(f"{path}: no line of the player in it" if size else f"{path}: empty file")
     return reader.finish()
