@@ -168,9 +168,12 @@ case_name() {
   used="$used $name"
 }
 
+# The player's output on the console; a last line without a line feed
+# (the loader prints one) gets one, so the end line stands on its own.
 show_log() {
   if [ "$console" = full ]; then
     cat "$1"
+    [ -z "$(tail -c 1 "$1")" ] || echo
   else
     grep -E '\[[EW]:|\] Get pattern :|\] Verify pattern|\] Run pattern|open file\(' "$1"
   fi

@@ -113,7 +113,7 @@ def test_each_pattern_gets_its_result_measurement_reason_and_loop_cases(board):
         expected[name] = (result, mean)
         for i, loop in enumerate(loops):
             expected[f"{name}/{name}_loop{i}"] = loop
-        assert f"QORA-LAVA end case={name} exit=" in proc.stdout
+        assert f"\nQORA-LAVA end case={name} exit=" in proc.stdout
         assert f"result={result} reason={reason}\n" in proc.stdout
     assert found == expected
     calls = (board["dir"] / "calls.txt").read_text().splitlines()

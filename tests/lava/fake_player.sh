@@ -13,7 +13,8 @@ while [ $# -gt 0 ]; do
 done
 echo "$pattern$goldens" >>"${FAKE_PLAYER_CALLS:-/dev/null}"
 name=$(basename "$pattern")
-case $name in missing*) echo "open file($pattern) error"; exit 1 ;; esac
+# The loader's message for a missing pattern ends without a line feed.
+case $name in missing*) printf 'open file(%s) \\n' "$pattern"; exit 1 ;; esac
 echo "[I:BuildCmd:12] Get pattern : $name"
 for g in $goldens; do
   case $g in missing*) echo "open file($g) error" ;; esac

@@ -8,6 +8,7 @@ JUnit test suite per log (board) and one test case per loop.
 import json
 import xml.etree.ElementTree as ET
 
+from .lava import is_job_log, job_logs
 from .runlog import LogError, board_name, parse_log, pmu_counts
 
 SCHEMA = "qora_report.summary/1"
@@ -17,6 +18,9 @@ TIME_FIELDS = ("execute_us", "ip_us", "driver_us")
 def summarize(paths):
     logs = []
     for path in paths:
+        if is_job_log(path):
+            logs.extend(job_logs(path))
+            continue
         try:
             log = parse_log(path)
             log["status"] = "complete" if log["exit_status"] is not None else "incomplete"

@@ -1,0 +1,161 @@
+#!/usr/bin/env bash
+# End to end on an emulated arm64 board: boots Debian's arm64 kernel under
+# qemu-system-aarch64 (TCG) with a busybox ramdisk holding the arm64
+# packages' player, library and engine model, runs one lava-run job with
+# the project's test definition over five patterns (built-in Test and
+# MaxPower, a wrong golden, a missing golden file, a missing pattern file;
+# three loops, per-loop cases), checks every case result and measurement in
+# the job log against the expected table, then reads the job log with
+# qora_report summary. The kernel, busybox and LAVA's device-type templates
+# are downloaded once into /var/cache/qora-lava-test.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+src=$PWD
+QORA_LAVA_DEPS=1 tools/install-deps.sh
+deb=build-aarch64/deb
+ls "$deb"/qora-player_*_arm64.deb >/dev/null 2>&1 || tools/cross-test.sh
+
+cache=/var/cache/qora-lava-test
+mkdir -p "$cache"
+if [ ! -e "$cache/ready" ]; then
+  kernel=$(apt-cache depends linux-image-arm64:arm64 | awk '/Depends: linux-image-[0-9]/ { print $2; exit }')
+  rm -rf "$cache"/*
+  (cd "$cache" && apt-get download -q "$kernel" busybox-static:arm64 lava-server)
+  for p in "$cache"/*.deb; do dpkg-deb -x "$p" "$cache/root"; done
+  touch "$cache/ready"
+fi
+modules=$(echo "$cache"/root/lib/modules/*)
+templates=$cache/root/usr/share/lava-server/device-types
+
+work=$src/build-lava
+rm -rf "$work"
+mkdir -p "$work/board" "$work/ramdisk"
+
+# The ramdisk: busybox, the network modules, the C and C++ runtime, the
+# packages' files and the patterns the job plays.
+rd=$work/ramdisk
+mkdir -p "$rd"/{bin,dev,proc,sys,root,tmp,lib/modules,opt/qora}
+cp "$cache/root/bin/busybox" "$rd/bin/busybox"
+install -m 755 lava/board/init "$rd/init"
+for m in virtio_mmio failover net_failover virtio_net; do
+  cp "$(find "$modules" -name "$m.ko")" "$rd/lib/modules/"
+done
+mkdir -p "$rd/lib/aarch64-linux-gnu"
+for l in ld-linux-aarch64.so.1 libc.so.6 libm.so.6 libstdc++.so.6 libgcc_s.so.1; do
+  cp -L "/usr/aarch64-linux-gnu/lib/$l" "$rd/lib/aarch64-linux-gnu/"
+done
+ln -s aarch64-linux-gnu/ld-linux-aarch64.so.1 "$rd/lib/ld-linux-aarch64.so.1"
+for p in "$deb"/*_arm64.deb; do
+  case $p in *-dbgsym_*|*-dev_*) ;; *) dpkg-deb -x "$p" "$rd" ;; esac
+done
+rm -rf "$rd/usr/share"
+qemu-aarch64 -L /usr/aarch64-linux-gnu build-aarch64/qora_pattern_author "$work/patterns" >/dev/null
+cp "$work/patterns/conv_demo/pattern.hex" "$work/patterns/conv_demo/golden.hex" "$rd/opt/qora/"
+# A wrong golden: the last digit of its first data line changed.
+awk '!done && /^[0-9a-f]+_[0-9a-f]+_/ { c = substr($0, length($0), 1); $0 = substr($0, 1, length($0) - 1) (c == "0" ? "1" : "0"); done = 1 } 1' \
+  "$work/patterns/conv_demo/golden.hex" >"$rd/opt/qora/wrong_golden.hex"
+(cd "$rd" && find . | cpio -o -H newc --quiet | gzip -1) >"$work/board/ramdisk.cpio.gz"
+cp "$(echo "$cache"/root/boot/vmlinuz-*)" "$work/board/vmlinuz"
+
+# The test definition as LAVA fetches it: a git repository of lava/.
+git init -q "$work/testdef"
+cp -r lava "$work/testdef/"
+git -C "$work/testdef" add lava
+git -C "$work/testdef" -c user.name=ci -c user.email=ci@localhost commit -qm "test definition"
+
+# LAVA's HTTP download directory, served on loopback only; the board
+# reaches it as 10.0.2.2 through qemu's user network.
+port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+mkdir -p /var/lib/lava/dispatcher/tmp
+python3 -m http.server --bind 127.0.0.1 --directory /var/lib/lava/dispatcher "$port" >"$work/http.log" 2>&1 &
+http_pid=$!
+trap 'kill $http_pid' EXIT
+echo "dispatcher_http_ip: 10.0.2.2:$port" >"$work/dispatcher.yaml"
+
+python3 - "$templates" "$work" <<'PY'
+import sys, jinja2, yaml
+templates, work = sys.argv[1:]
+env = jinja2.Environment(loader=jinja2.FileSystemLoader(["lava/devices", templates]),
+                         autoescape=False, trim_blocks=True)
+device = env.get_template("qora-qemu-ci.jinja2").render().replace("@BOARD_DIR@", work + "/board")
+open(work + "/device.yaml", "w").write(device)
+job = yaml.safe_load(open("lava/jobs/serial-board.yaml"))
+job["device_type"] = "qemu-aarch64"
+job["timeouts"].update(job={"minutes": 8}, action={"minutes": 6})
+for action in job["actions"]:
+    if "boot" in action:
+        action["boot"]["reset"] = False  # connecting starts the board
+    if "test" in action:
+        action["test"]["timeout"] = {"minutes": 6}
+        d = action["test"]["definitions"][0]
+        d["repository"] = work + "/testdef"
+        d["parameters"] = {
+            "PLAYER": "qora_player_model", "LOOPS": "3", "LOOP_CASES": "true", "TIMEOUT": "120",
+            "PATTERNS": "Test MaxPower /opt/qora/pattern.hex:/opt/qora/golden.hex"
+                        " /opt/qora/pattern.hex:/opt/qora/wrong_golden.hex"
+                        " /opt/qora/pattern.hex:/opt/qora/missing_golden.hex /opt/qora/missing.hex",
+        }
+yaml.safe_dump(job, open(work + "/job.yaml", "w"), sort_keys=False)
+PY
+
+start=$(date +%s)
+lava-run --job-id 1 --output-dir "$work/out" --device "$work/device.yaml" \
+  --dispatcher "$work/dispatcher.yaml" "$work/job.yaml" 2>"$work/job.log" || true
+echo "lava-run: $(($(date +%s) - start)) s"
+
+# Every case the job recorded, against what each pattern must give: result,
+# whether it carries an execute time, and the reason the run script printed.
+python3 - "$work/job.log" <<'PY'
+import re, sys, yaml
+expected = {  # case: (result, measured, reason), then the loops' (result, measured)
+    "Test": ("pass", True, "verified 3 loops", [("pass", True)] * 3),
+    "MaxPower": ("pass", True, "verified 3 loops", [("pass", True)] * 3),
+    "pattern": ("pass", True, "verified 3 loops", [("pass", True)] * 3),
+    "pattern_2": ("fail", True, "compare golden fail in loop 0", [("fail", True), ("skip", False), ("skip", False)]),
+    "pattern_3": ("fail", True, "golden error: nothing compared although 1 golden file(s) were given",
+                  [("fail", True)] * 3),
+    "missing": ("fail", False, "pattern did not load", [("skip", False)] * 3),
+}
+want = {}
+for case, (result, measured, reason, loops) in expected.items():
+    want[(None, case)] = (result, measured)
+    for i, loop in enumerate(loops):
+        want[(case, f"{case}_loop{i}")] = loop
+got, reasons = {}, {}
+for line in open(sys.argv[1]):
+    record = yaml.load(line.removeprefix("- "), Loader=yaml.CSafeLoader)
+    msg = record["msg"]
+    if record["lvl"] == "results" and msg.get("definition") == "0_qora-player":
+        measurement = msg.get("measurement")
+        if measurement is not None:
+            assert float(measurement) > 0 and msg["units"] == "us", msg
+        got[(msg.get("set"), msg["case"])] = (msg["result"], measurement is not None)
+    elif record["lvl"] == "target" and isinstance(msg, str):
+        m = re.match(r"QORA-LAVA end case=(\S+) exit=\d+ result=\w+ reason=(.*)", msg)
+        if m:
+            reasons[m.group(1)] = m.group(2)
+print(f"{'set':<10} {'case':<18} result  measured")
+for (test_set, case), (result, measured) in sorted(got.items(), key=lambda kv: (kv[0][0] or kv[0][1], kv[0][0] or "")):
+    print(f"{test_set or '-':<10} {case:<18} {result:<7} {'yes' if measured else 'no'}")
+bad = [f"{key}: got {got.get(key)}, want {value}" for key, value in want.items() if got.get(key) != value]
+bad += [f"{key}: not expected" for key in got if key not in want]
+bad += [f"{case}: reason {reasons.get(case)!r}, want {e[2]!r}" for case, e in expected.items() if reasons.get(case) != e[2]]
+if bad:
+    sys.exit("lava-test: wrong cases:\n  " + "\n  ".join(bad))
+print(f"lava-test: all {len(want)} cases as expected")
+PY
+
+# The report tool on the job log: one run per pattern, the same verdicts.
+set +e
+PYTHONPATH=tools python3 -m qora_report summary "$work/job.log" --json "$work/summary.json" --junit "$work/junit.xml"
+status=$?
+set -e
+python3 - "$work/summary.json" "$status" <<'PY'
+import json, sys
+verdicts = {log["lava"]["case"]: (log["verdict"], log["exit_status"]) for log in json.load(open(sys.argv[1]))["logs"]}
+want = {"Test": ("pass", 0), "MaxPower": ("pass", 0), "pattern": ("pass", 0), "pattern_2": ("fail", 1),
+        "pattern_3": ("golden_error", 0), "missing": ("error", 1)}
+if verdicts != want or sys.argv[2] != "1":
+    sys.exit(f"lava-test: qora_report read {verdicts} (exit {sys.argv[2]}), want {want} (exit 1)")
+print("lava-test: qora_report summary agrees")
+PY
