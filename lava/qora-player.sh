@@ -9,7 +9,9 @@
 # is skipped when no golden was given and fails when goldens were given; a
 # run that timed out, was killed or built nothing fails; the reason is
 # printed on the console. A player that cannot be found ends the test run
-# (lava-test-raise).
+# (lava-test-raise). With -e true a failed pattern also ends the test run
+# after its case is reported, so that a health check marks the board bad
+# (LAVA completes a job whose cases fail).
 set -u
 
 player=qora_player
@@ -19,19 +21,21 @@ options=
 timeout=600
 loop_cases=false
 console=full
+raise_on_fail=false
 out_dir=qora-results
 
 usage() {
   cat >&2 <<USAGE
 usage: $0 [-p player] [-f patterns] [-l loops] [-o player options]
-          [-t timeout seconds] [-c true|false] [-C full|brief] [-r log dir]
+          [-t timeout seconds] [-c true|false] [-C full|brief]
+          [-e true|false] [-r log dir]
   patterns: space-separated entries "pattern[:golden[,golden...]]",
             a pattern being a file or a built-in name (Test, MaxPower)
 USAGE
   exit 2
 }
 
-while getopts p:f:l:o:t:c:C:r: opt; do
+while getopts p:f:l:o:t:c:C:e:r: opt; do
   case $opt in
     p) player=$OPTARG ;;
     f) patterns=$OPTARG ;;
@@ -40,6 +44,7 @@ while getopts p:f:l:o:t:c:C:r: opt; do
     t) timeout=$OPTARG ;;
     c) loop_cases=$OPTARG ;;
     C) console=$OPTARG ;;
+    e) raise_on_fail=$OPTARG ;;
     r) out_dir=$OPTARG ;;
     *) usage ;;
   esac
@@ -48,6 +53,7 @@ is_count() { case $1 in ''|*[!0-9]*) return 1 ;; *) [ "$1" -ge 1 ] ;; esac; }
 is_count "$loops" || usage
 is_count "$timeout" || usage
 case $loop_cases in true|false) ;; *) usage ;; esac
+case $raise_on_fail in true|false) ;; *) usage ;; esac
 case $console in full|brief) ;; *) usage ;; esac
 
 # Kills the player ($1) after $timeout seconds, leaving the file $2 behind
@@ -220,6 +226,10 @@ for entry in $patterns; do
       i=$((i + 1))
     done
     lava-test-set stop
+  fi
+  if [ "$raise_on_fail" = true ] && [ "$result" = fail ]; then
+    lava-test-raise "$name: $reason"
+    exit 1
   fi
   i=1
   while [ "$i" -le "$runs" ]; do unset "exec_$i"; i=$((i + 1)); done

@@ -154,7 +154,18 @@ def test_missing_player_raises_and_reports_no_case(board):
     assert record == ["raise player not found: /nowhere/qora_player"]
 
 
-@pytest.mark.parametrize("args", [["-l", "0"], ["-l", "x"], ["-t", ""], ["-c", "yes"], ["-C", "loud"], ["-z"]])
+@pytest.mark.parametrize("raise_on_fail, expected", [
+    ("true", ["case pass --result pass", "case fail --result fail", "raise fail: compare golden fail in loop 1"]),
+    ("false", ["case pass --result pass", "case fail --result fail", "case Test --result pass"]),
+])
+def test_raise_on_fail_ends_the_run_after_the_failed_case(board, raise_on_fail, expected):
+    proc, record = run_script(board, "-f", "pass.hex:g.hex fail.hex:g.hex Test", "-l", "2", "-o", "-d 1",
+                              "-e", raise_on_fail)
+    assert record == expected
+    assert proc.returncode == (1 if raise_on_fail == "true" else 0)
+
+
+@pytest.mark.parametrize("args", [["-e", "1"], ["-l", "0"], ["-l", "x"], ["-t", ""], ["-c", "yes"], ["-C", "loud"], ["-z"]])
 def test_bad_parameters_are_refused_before_any_run(board, args):
     proc, record = run_script(board, *args)
     assert proc.returncode == 2

@@ -15,17 +15,25 @@ QORA_LAVA_DEPS=1 tools/install-deps.sh
 deb=build-aarch64/deb
 ls "$deb"/qora-player_*_arm64.deb >/dev/null 2>&1 || tools/cross-test.sh
 
+# The board's pieces, kept between runs: the kernel and the four modules of
+# its network, busybox, LAVA's device-type templates.
 cache=/var/cache/qora-lava-test
-mkdir -p "$cache"
+modules="virtio_mmio failover net_failover virtio_net"
 if [ ! -e "$cache/ready" ]; then
+  rm -rf "$cache"
+  mkdir -p "$cache/download" "$cache/modules"
   kernel=$(apt-cache depends linux-image-arm64:arm64 | awk '/Depends: linux-image-[0-9]/ { print $2; exit }')
-  rm -rf "$cache"/*
-  (cd "$cache" && apt-get download -q "$kernel" busybox-static:arm64 lava-server)
-  for p in "$cache"/*.deb; do dpkg-deb -x "$p" "$cache/root"; done
+  (cd "$cache/download" && apt-get download -q "$kernel" busybox-static:arm64 lava-server)
+  for p in "$cache"/download/*.deb; do dpkg-deb -x "$p" "$cache/download/root"; done
+  root=$cache/download/root
+  cp "$(echo "$root"/boot/vmlinuz-*)" "$cache/vmlinuz"
+  for m in $modules; do cp "$(find "$root/lib/modules" -name "$m.ko")" "$cache/modules/"; done
+  cp "$root/bin/busybox" "$cache/busybox"
+  cp -r "$root/usr/share/lava-server/device-types" "$cache/device-types"
+  rm -rf "$cache/download"
   touch "$cache/ready"
 fi
-modules=$(echo "$cache"/root/lib/modules/*)
-templates=$cache/root/usr/share/lava-server/device-types
+templates=$cache/device-types
 
 work=$src/build-lava
 rm -rf "$work"
@@ -35,11 +43,9 @@ mkdir -p "$work/board" "$work/ramdisk"
 # packages' files and the patterns the job plays.
 rd=$work/ramdisk
 mkdir -p "$rd"/{bin,dev,proc,sys,root,tmp,lib/modules,opt/qora}
-cp "$cache/root/bin/busybox" "$rd/bin/busybox"
+cp "$cache/busybox" "$rd/bin/busybox"
 install -m 755 lava/board/init "$rd/init"
-for m in virtio_mmio failover net_failover virtio_net; do
-  cp "$(find "$modules" -name "$m.ko")" "$rd/lib/modules/"
-done
+cp "$cache"/modules/*.ko "$rd/lib/modules/"
 mkdir -p "$rd/lib/aarch64-linux-gnu"
 for l in ld-linux-aarch64.so.1 libc.so.6 libm.so.6 libstdc++.so.6 libgcc_s.so.1; do
   cp -L "/usr/aarch64-linux-gnu/lib/$l" "$rd/lib/aarch64-linux-gnu/"
@@ -55,7 +61,7 @@ cp "$work/patterns/conv_demo/pattern.hex" "$work/patterns/conv_demo/golden.hex" 
 awk '!done && /^[0-9a-f]+_[0-9a-f]+_/ { c = substr($0, length($0), 1); $0 = substr($0, 1, length($0) - 1) (c == "0" ? "1" : "0"); done = 1 } 1' \
   "$work/patterns/conv_demo/golden.hex" >"$rd/opt/qora/wrong_golden.hex"
 (cd "$rd" && find . | cpio -o -H newc --quiet | gzip -1) >"$work/board/ramdisk.cpio.gz"
-cp "$(echo "$cache"/root/boot/vmlinuz-*)" "$work/board/vmlinuz"
+cp "$cache/vmlinuz" "$work/board/vmlinuz"
 
 # The test definition as LAVA fetches it: a git repository of lava/.
 git init -q "$work/testdef"
@@ -85,6 +91,8 @@ job["timeouts"].update(job={"minutes": 8}, action={"minutes": 6})
 for action in job["actions"]:
     if "boot" in action:
         action["boot"]["reset"] = False  # connecting starts the board
+        del action["boot"]["auto_login"]  # the ramdisk's shell needs no login
+        action["boot"]["prompts"] = ["qora-board# "]
     if "test" in action:
         action["test"]["timeout"] = {"minutes": 6}
         d = action["test"]["definitions"][0]
@@ -97,6 +105,23 @@ for action in job["actions"]:
         }
 yaml.safe_dump(job, open(work + "/job.yaml", "w"), sort_keys=False)
 PY
+
+# The other job templates against the example device dictionaries: they
+# validate (telnet and pduclient stand-ins, as nothing is connected).
+mkdir -p "$work/stand-ins"
+for c in telnet pduclient; do printf '#!/bin/sh\n' >"$work/stand-ins/$c"; chmod +x "$work/stand-ins/$c"; done
+for j in serial-board:qora-board-01 health-check:qora-board-01 ssh-board:ssh; do
+  python3 - "$templates" "${j#*:}" >"$work/${j%%:*}-device.yaml" <<'PY'
+import sys, jinja2
+env = jinja2.Environment(loader=jinja2.FileSystemLoader(["lava/devices", sys.argv[1]]),
+                         autoescape=False, trim_blocks=True)
+print(env.from_string("{% extends '" + sys.argv[2] + ".jinja2' %}{% set ssh_host = 'qora-board' %}").render())
+PY
+  PATH=$work/stand-ins:$PATH lava-run --validate --job-id 0 --output-dir "$work/validate" \
+    --device "$work/${j%%:*}-device.yaml" "lava/jobs/${j%%:*}.yaml" 2>"$work/${j%%:*}-validate.log" || true
+  grep -q '"msg": {"case": "job", "definition": "lava", "result": "pass"}' "$work/${j%%:*}-validate.log" ||
+    { echo "lava-test: lava/jobs/${j%%:*}.yaml does not validate; see $work/${j%%:*}-validate.log"; exit 1; }
+done
 
 start=$(date +%s)
 lava-run --job-id 1 --output-dir "$work/out" --device "$work/device.yaml" \
