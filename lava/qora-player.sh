@@ -79,7 +79,7 @@ play() {
   # shellcheck disable=SC2086 # the player command and options are word lists
   $player $options_all "$@" >"$log" 2>&1 </dev/null &
   pid=$!
-  watchdog "$pid" "$log.timeout" &
+  watchdog "$pid" "$log.timeout" >/dev/null 2>&1 &
   watcher=$!
   wait "$pid"
   status=$?
