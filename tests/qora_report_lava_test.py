@@ -106,6 +106,34 @@ def test_cut_and_garbled_logs_keep_what_they_hold(job):
     assert last["lava"]["case"] == "pattern" and last["status"] == "incomplete" and last["exit_status"] is None
 
 
+def edited(lines, case, edit):
+    """The job log with the end line of a case changed by edit(index, lines)."""
+    lines = list(lines)
+    edit(next(i for i, line in enumerate(lines) if f"QORA-LAVA end case={case} " in line), lines)
+    return lines
+
+
+def glue_to_previous(i, lines):
+    """The end line joined to the output line before it, as a console shows
+    a last line without a line feed."""
+    before = yaml.safe_load(lines[i - 1])["msg"]
+    lines[i - 1:i + 1] = [record("target", before + yaml.safe_load(lines[i])["msg"])]
+
+
+def exit_1(i, lines):
+    lines[i] = lines[i].replace("exit=0", "exit=1")
+
+
+@pytest.mark.parametrize("case, edit, verdict, status", [
+    ("missing", glue_to_previous, "error", 1),  # the loader's message still counts
+    ("Test", exit_1, "error", 1),  # printed success, then exited 1
+])
+def test_end_lines_as_consoles_and_players_leave_them(job, case, edit, verdict, status):
+    path = write(job, "edited.yaml", edited(job["lines"], case, edit))
+    log = next(log for log in lava.job_logs(path) if log["lava"]["case"] == case)
+    assert (log["verdict"], log["exit_status"], log["status"]) == (verdict, status, "complete")
+
+
 @pytest.mark.parametrize("lines, reason", [
     ([record("info", "start: 0 validate"), record("target", "login:")], "no run of the player"),
     ([record("info", "start: 0 validate"), "\x00\xff" * 40], "no run of the player"),

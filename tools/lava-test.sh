@@ -11,6 +11,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 src=$PWD
+# Debian's Python, with the modules the packages installed (yaml, jinja2).
+python=/usr/bin/python3
 QORA_LAVA_DEPS=1 tools/install-deps.sh
 deb=build-aarch64/deb
 ls "$deb"/qora-player_*_arm64.deb >/dev/null 2>&1 || tools/cross-test.sh
@@ -71,14 +73,14 @@ git -C "$work/testdef" -c user.name=ci -c user.email=ci@localhost commit -qm "te
 
 # LAVA's HTTP download directory, served on loopback only; the board
 # reaches it as 10.0.2.2 through qemu's user network.
-port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+port=$($python -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
 mkdir -p /var/lib/lava/dispatcher/tmp
-python3 -m http.server --bind 127.0.0.1 --directory /var/lib/lava/dispatcher "$port" >"$work/http.log" 2>&1 &
+$python -m http.server --bind 127.0.0.1 --directory /var/lib/lava/dispatcher "$port" >"$work/http.log" 2>&1 &
 http_pid=$!
 trap 'kill $http_pid' EXIT
 echo "dispatcher_http_ip: 10.0.2.2:$port" >"$work/dispatcher.yaml"
 
-python3 - "$templates" "$work" <<'PY'
+$python - "$templates" "$work" <<'PY'
 import sys, jinja2, yaml
 templates, work = sys.argv[1:]
 env = jinja2.Environment(loader=jinja2.FileSystemLoader(["lava/devices", templates]),
@@ -111,7 +113,7 @@ PY
 mkdir -p "$work/stand-ins"
 for c in telnet pduclient; do printf '#!/bin/sh\n' >"$work/stand-ins/$c"; chmod +x "$work/stand-ins/$c"; done
 for j in serial-board:qora-board-01 health-check:qora-board-01 ssh-board:ssh; do
-  python3 - "$templates" "${j#*:}" >"$work/${j%%:*}-device.yaml" <<'PY'
+  $python - "$templates" "${j#*:}" >"$work/${j%%:*}-device.yaml" <<'PY'
 import sys, jinja2
 env = jinja2.Environment(loader=jinja2.FileSystemLoader(["lava/devices", sys.argv[1]]),
                          autoescape=False, trim_blocks=True)
@@ -130,7 +132,7 @@ echo "lava-run: $(($(date +%s) - start)) s"
 
 # Every case the job recorded, against what each pattern must give: result,
 # whether it carries an execute time, and the reason the run script printed.
-python3 - "$work/job.log" <<'PY'
+$python - "$work/job.log" <<'PY'
 import re, sys, yaml
 expected = {  # case: (result, measured, reason), then the loops' (result, measured)
     "Test": ("pass", True, "verified 3 loops", [("pass", True)] * 3),
@@ -172,10 +174,10 @@ PY
 
 # The report tool on the job log: one run per pattern, the same verdicts.
 set +e
-PYTHONPATH=tools python3 -m qora_report summary "$work/job.log" --json "$work/summary.json" --junit "$work/junit.xml"
+PYTHONPATH=tools $python -m qora_report summary "$work/job.log" --json "$work/summary.json" --junit "$work/junit.xml"
 status=$?
 set -e
-python3 - "$work/summary.json" "$status" <<'PY'
+$python - "$work/summary.json" "$status" <<'PY'
 import json, sys
 verdicts = {log["lava"]["case"]: (log["verdict"], log["exit_status"]) for log in json.load(open(sys.argv[1]))["logs"]}
 want = {"Test": ("pass", 0), "MaxPower": ("pass", 0), "pattern": ("pass", 0), "pattern_2": ("fail", 1),

@@ -22,6 +22,7 @@ done
 
 run() {  # one loop: $1 is its 0-based number
   echo "[I:RunCmd:301] Run command"
+  case $name in die*) if [ "$1" = 1 ]; then kill -SEGV $$; fi ;; esac  # before its times
   if [ $((debug & 4)) -ne 0 ]; then
     echo "[D:RunCmd:330] execute   = $((100 + $1))[us]"
     echo "[D:RunCmd:331] prepare   = 7[us]"
@@ -34,7 +35,7 @@ while [ "$i" -lt "$loops" ]; do
   case $name in
     hang*) exec sleep 600 ;;
     fail*) if [ "$i" = 1 ]; then echo "[W:Execute:77] QORA loop $i !! Compare golden Fail !!"; exit 1; fi ;;
-    die*) if [ "$i" = 1 ]; then kill -SEGV $$; fi ;;
+    hup*) kill -HUP $$ ;;
     cmdfail*) echo "[E:RunCmd:350] Command Fail!! (-5)"; exit 1 ;;
   esac
   i=$((i + 1))

@@ -110,7 +110,7 @@ def job_logs(path):
                     if run is not None:
                         runs.append(run.finish())
                     run = _Run(path, start)
-                elif end and run is not None and end.group(1) == run.case:
+                elif end and run is not None:
                     run.end = end
                     log = run.finish()
                     runs.append(log)
