@@ -5,10 +5,9 @@
 # test set holding a case per loop. Needs only a POSIX shell and busybox.
 #
 # A pattern passes only when the player exited 0 and printed its success
-# verdict ("Verify pattern N times : success"). A run that compared nothing
-# is skipped when no golden was given and fails when goldens were given; a
-# run that timed out, was killed or built nothing fails; the reason is
-# printed on the console. A player that cannot be found ends the test run
+# verdict ("Verify pattern N times : success"); anything else fails, with
+# the reason printed on the console: a run that compared nothing (a golden
+# error when goldens were given), timed out, was killed or built nothing. A player that cannot be found ends the test run
 # (lava-test-raise). With -e true a failed pattern also ends the test run
 # after its case is reported, so that a health check marks the board bad
 # (LAVA completes a job whose cases fail).
@@ -124,7 +123,7 @@ judge() {
   elif [ "$status" -eq 0 ] && [ "$not_compared" = 1 ] && [ "$goldens" -gt 0 ]; then
     result=fail reason="golden error: nothing compared although $goldens golden file(s) were given"
   elif [ "$status" -eq 0 ] && [ "$not_compared" = 1 ]; then
-    result=skip reason="no golden: nothing compared"
+    result=fail reason="nothing compared: no golden given"
   elif [ "$failed_loop" -gt 0 ]; then
     result=fail reason="compare golden fail in loop $((failed_loop - 1))"
   elif [ "$command_failed" -gt 0 ]; then
@@ -144,10 +143,8 @@ loop_result() {
     echo skip
   elif [ $(($1 + 1)) -eq "$runs" ]; then
     echo "$result"
-  elif [ "$not_compared" = 1 ] && [ "$goldens" -gt 0 ]; then
-    echo fail
   elif [ "$not_compared" = 1 ]; then
-    echo skip
+    echo fail
   else
     echo pass
   fi
