@@ -6,8 +6,9 @@
 # the Debian packaging tools (debhelper, lintian, debootstrap, man-db);
 # QORA_FUZZ_DEPS=1 adds clang and its sanitizer and libFuzzer runtimes.
 # QORA_LAVA_DEPS=1 adds, without recommended packages, the LAVA dispatcher
-# (lava-run), qemu-system for the emulated arm64 board and cpio for its
-# ramdisk, and busybox for the LAVA run script's tests.
+# (lava-run) and git for its test definitions, qemu-system for the emulated
+# arm64 board, cpio for its ramdisk, and busybox for the LAVA run script's
+# tests.
 set -euo pipefail
 packages=(cmake g++ make pkg-config libgtest-dev googletest libbenchmark-dev binutils-riscv64-unknown-elf time
           python3 python3-numpy python3-matplotlib python3-pytest python3-junitparser python3-yaml)
@@ -38,7 +39,7 @@ if [ ${#missing[@]} -gt 0 ] || [ $update = 1 ]; then
 fi
 if [ "${QORA_LAVA_DEPS:-0}" = 1 ]; then
   lava_missing=()
-  for p in lava-dispatcher qemu-system-arm cpio busybox; do
+  for p in lava-dispatcher git qemu-system-arm cpio busybox; do
     dpkg -s "$p" >/dev/null 2>&1 || lava_missing+=("$p")
   done
   if [ ${#lava_missing[@]} -gt 0 ]; then

@@ -13,7 +13,9 @@ cd "$(dirname "$0")/.."
 src=$PWD
 # Debian's Python, with the modules the packages installed (yaml, jinja2).
 python=/usr/bin/python3
-QORA_LAVA_DEPS=1 tools/install-deps.sh
+# The cross toolchain too: the arm64 architecture, and the C and C++
+# runtime the ramdisk takes from it.
+QORA_CROSS=1 QORA_LAVA_DEPS=1 tools/install-deps.sh
 deb=build-aarch64/deb
 ls "$deb"/qora-player_*_arm64.deb >/dev/null 2>&1 || tools/cross-test.sh
 
@@ -24,8 +26,11 @@ modules="virtio_mmio failover net_failover virtio_net"
 if [ ! -e "$cache/ready" ]; then
   rm -rf "$cache"
   mkdir -p "$cache/download" "$cache/modules"
-  kernel=$(apt-cache depends linux-image-arm64:arm64 | awk '/Depends: linux-image-[0-9]/ { print $2; exit }')
-  (cd "$cache/download" && apt-get download -q "$kernel" busybox-static:arm64 lava-server)
+  download() {
+    kernel=$(apt-cache depends linux-image-arm64:arm64 | awk '/Depends: linux-image-[0-9]/ { print $2; exit }')
+    (cd "$cache/download" && apt-get download -q "$kernel" busybox-static:arm64 lava-server)
+  }
+  download || { apt-get update -qq && download; }  # package lists older than the archive
   for p in "$cache"/download/*.deb; do dpkg-deb -x "$p" "$cache/download/root"; done
   root=$cache/download/root
   cp "$(echo "$root"/boot/vmlinuz-*)" "$cache/vmlinuz"
