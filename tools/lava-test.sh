@@ -26,6 +26,7 @@ modules="virtio_mmio failover net_failover virtio_net"
 if [ ! -e "$cache/ready" ]; then
   rm -rf "$cache"
   mkdir -p "$cache/download" "$cache/modules"
+  chown _apt "$cache/download" 2>/dev/null || true  # apt downloads as _apt where it can
   download() {
     kernel=$(apt-cache depends linux-image-arm64:arm64 | awk '/Depends: linux-image-[0-9]/ { print $2; exit }')
     (cd "$cache/download" && apt-get download -q "$kernel" busybox-static:arm64 lava-server)
@@ -99,7 +100,6 @@ for action in job["actions"]:
     if "boot" in action:
         action["boot"]["reset"] = False  # connecting starts the board
         del action["boot"]["auto_login"]  # the ramdisk's shell needs no login
-        action["boot"]["prompts"] = ["qora-board# "]
     if "test" in action:
         action["test"]["timeout"] = {"minutes": 6}
         d = action["test"]["definitions"][0]
