@@ -1,16 +1,17 @@
 #!/bin/sh
 # Plays patterns with the QORA player on a LAVA board and reports one test
-# case per pattern: pass, fail or skip, with the mean execute time of its
-# loops as the measurement. With per-loop cases each pattern also gets a
-# test set holding a case per loop. Needs only a POSIX shell and busybox.
+# case per pattern, pass or fail, with the mean execute time of its loops as
+# the measurement. With per-loop cases each pattern also gets a test set
+# holding a case per loop. Needs only a POSIX shell and busybox.
 #
 # A pattern passes only when the player exited 0 and printed its success
 # verdict ("Verify pattern N times : success"); anything else fails, with
 # the reason printed on the console: a run that compared nothing (a golden
-# error when goldens were given), timed out, was killed or built nothing. A player that cannot be found ends the test run
-# (lava-test-raise). With -e true a failed pattern also ends the test run
-# after its case is reported, so that a health check marks the board bad
-# (LAVA completes a job whose cases fail).
+# error when goldens were given), timed out, was killed or built nothing.
+# A player that cannot be found ends the test run (lava-test-raise). With
+# -e true a failed pattern also ends the test run after its case is
+# reported, so that a health check marks the board bad (LAVA completes a job
+# whose cases fail).
 set -u
 
 player=qora_player
@@ -162,6 +163,7 @@ case_result() {
 case_name() {
   base=$(basename "$1")
   base=$(echo "${base%.*}" | sed 's/[^A-Za-z0-9_.-]/_/g')
+  [ -n "$base" ] || base=pattern
   name=$base
   n=1
   while case " $used " in *" $name "*) true ;; *) false ;; esac; do

@@ -103,6 +103,12 @@ PATTERNS = [
      [("pass", "100"), ("pass", "101"), ("pass", "102")]),
     ("Test", "Test", "pass", "101.0", "verified 3 loops",
      [("pass", "100"), ("pass", "101"), ("pass", "102")]),
+    ("r/pass_2.hex:g.hex", "pass_2_2", "pass", "101.0", "verified 3 loops",
+     [("pass", "100"), ("pass", "101"), ("pass", "102")]),
+    ("s/.hex:g.hex", "pattern", "pass", "101.0", "verified 3 loops",
+     [("pass", "100"), ("pass", "101"), ("pass", "102")]),
+    ("t/a+b=c.hex:g.hex", "a_b_c", "pass", "101.0", "verified 3 loops",
+     [("pass", "100"), ("pass", "101"), ("pass", "102")]),
 ]
 
 
@@ -119,7 +125,7 @@ def test_each_pattern_gets_its_result_measurement_reason_and_loop_cases(board):
         assert f"result={result} reason={reason}\n" in proc.stdout
     assert found == expected
     calls = (board["dir"] / "calls.txt").read_text().splitlines()
-    assert calls[-2] == "q/pass.bin g1.hex g2.hex"
+    assert "q/pass.bin g1.hex g2.hex" in calls
     assert "die exit=139 " in proc.stdout
 
 
