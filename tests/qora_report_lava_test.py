@@ -96,6 +96,7 @@ def test_cut_and_garbled_logs_keep_what_they_hold(job):
     lines = list(job["lines"])
     lines.insert(3, '{"dt": "2026-01-01", "lvl": "target", "msg": "unterminated')
     lines.insert(5, "not a record at all")
+    lines.insert(7, '{"dt": "2026-01-01", "lvl": "target", "msg": !!timestamp "2026-13-99"}')
     cut = next(i for i, line in enumerate(lines) if "QORA-LAVA end case=pattern " in line)
     path = write(job, "cut.yaml", lines[:cut + 2] + [lines[cut + 2][:25]])
     logs = lava.job_logs(path)

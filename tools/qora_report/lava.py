@@ -45,7 +45,7 @@ def _records(f, yaml):
         except ValueError:
             try:
                 record = yaml.load(text, Loader=loader)
-            except yaml.YAMLError:
+            except (yaml.YAMLError, ValueError, RecursionError):  # a bad tagged value too
                 continue
         if isinstance(record, dict):
             yield record
