@@ -82,8 +82,6 @@ PATTERNS = [
      [("pass", "100"), ("pass", "101"), ("pass", "102")]),
     ("fail.hex:g.hex", "fail", "fail", "100.5", "compare golden fail in loop 1",
      [("pass", "100"), ("fail", "101"), ("skip", None)]),
-    ("hang.hex:g.hex", "hang", "fail", "100.0", "timed out after 2 s",
-     [("fail", "100"), ("skip", None), ("skip", None)]),
     ("die.hex:g.hex", "die", "fail", "100.0", "killed by signal 11",
      [("pass", "100"), ("fail", None), ("skip", None)]),
     ("hup.hex:g.hex", "hup", "fail", "100.0", "killed by signal 1",
@@ -113,7 +111,7 @@ PATTERNS = [
 
 
 def test_each_pattern_gets_its_result_measurement_reason_and_loop_cases(board):
-    proc, record = run_script(board, "-f", " ".join(p[0] for p in PATTERNS), "-l", "3", "-t", "2", "-c", "true")
+    proc, record = run_script(board, "-f", " ".join(p[0] for p in PATTERNS), "-l", "3", "-t", "60", "-c", "true")
     assert proc.returncode == 0, proc.stderr
     found = cases(record)
     expected = {}
@@ -127,6 +125,21 @@ def test_each_pattern_gets_its_result_measurement_reason_and_loop_cases(board):
     calls = (board["dir"] / "calls.txt").read_text().splitlines()
     assert "q/pass.bin g1.hex g2.hex" in calls
     assert "die exit=139 " in proc.stdout
+
+
+def test_a_hanging_player_is_killed_at_the_timeout_and_the_run_goes_on(board):
+    proc, record = run_script(board, "-f", "hang.hex:g.hex pass.hex:g.hex", "-l", "3", "-t", "2", "-c", "true")
+    assert cases(record) == {
+        "hang": ("fail", "100.0"), "hang/hang_loop0": ("fail", "100"), "hang/hang_loop1": ("skip", None),
+        "hang/hang_loop2": ("skip", None), "pass": ("pass", "101.0"), "pass/pass_loop0": ("pass", "100"),
+        "pass/pass_loop1": ("pass", "101"), "pass/pass_loop2": ("pass", "102")}
+    assert "QORA-LAVA end case=hang exit=143 result=fail reason=timed out after 2 s\n" in proc.stdout
+
+
+def test_a_player_deaf_to_sigterm_is_killed_5_s_later(board):
+    proc, record = run_script(board, "-f", "deaf.hex:g.hex", "-t", "1")
+    assert cases(record) == {"deaf": ("fail", "100.0")}
+    assert "QORA-LAVA end case=deaf exit=137 result=fail reason=timed out after 1 s\n" in proc.stdout
 
 
 def test_loop_cases_off_gives_one_case_per_pattern(board):

@@ -34,6 +34,7 @@ while [ "$i" -lt "$loops" ]; do
   run "$i"
   case $name in
     hang*) exec sleep 600 ;;
+    deaf*) trap '' TERM; exec sleep 600 ;;
     fail*) if [ "$i" = 1 ]; then echo "[W:Execute:77] QORA loop $i !! Compare golden Fail !!"; exit 1; fi ;;
     hup*) kill -HUP $$ ;;
     cmdfail*) echo "[E:RunCmd:350] Command Fail!! (-5)"; exit 1 ;;
