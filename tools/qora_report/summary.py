@@ -11,6 +11,7 @@ import json
 import re
 import xml.etree.ElementTree as ET
 
+from .lava import is_job_log, job_logs
 from .runlog import LogError, board_name, parse_log
 
 SCHEMA = "qora_report.summary/1"
@@ -21,6 +22,9 @@ NOT_XML = re.compile("[^\t\n\r\x20-\ud7ff\ue000-\ufffd\U00010000-\U0010ffff]")
 def summarize(paths):
     logs = []
     for path in paths:
+        if is_job_log(path):
+            logs.extend(job_logs(path))
+            continue
         try:
             log = parse_log(path)
             log["status"] = "complete" if log["exit_status"] is not None else "incomplete"
