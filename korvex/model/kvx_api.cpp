@@ -573,10 +573,10 @@ int korvexSubCmd_addCmdBuf(korvex_subcmd_t* subcmd, void* cmd_buf, korvex_cb_dir
 uint64_t korvexSubCmd_getRunInfo(korvex_subcmd_t* subcmd, korvex_subcmd_runinfo_type type_arg)
 {
     const char* op = __func__;
-    const int type = type_arg;
+    const int kind = type_arg; // the model's own types lie outside the enumeration: read it once, as int
     return guarded<uint64_t>(0, [&] {
-        std::string args = trace_args([&] { return join(name_of(subcmd), runinfo_name(type)); });
-        uint64_t v = !kvx::hook_fail(op) && live(subcmd) ? run_info(subcmd, type) : 0;
+        std::string args = trace_args([&] { return join(name_of(subcmd), runinfo_name(kind)); });
+        uint64_t v = !kvx::hook_fail(op) && live(subcmd) ? run_info(subcmd, kind) : 0;
         trace(op, args, [v] { return num(v); });
         return v;
     });
