@@ -30,6 +30,22 @@ static std::vector<int> tmp_data_tag;
 static bool code_declared;
 bool mask_exist;
 
+void reset_pattern_conversion_state()
+{
+    convert_sta = 0;
+    last_name[0] = '\0';
+    output_addr[0] = '\0';
+    output_sz = 0;
+    is_tmp = false;
+    acx_id = qora_id = 0;
+    set_binding = false;
+    binding_num = 0;
+    max_data_num = 0;
+    data_name_list.clear();
+    tmp_data_tag.clear();
+    code_declared = false;
+}
+
 // The header path up to its last '.', at most 79 characters.
 std::string header_base_name(const std::string& header)
 {

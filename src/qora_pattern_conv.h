@@ -12,6 +12,11 @@
 
 extern bool mask_exist;
 
+// Clears the pattern header generator's state, as before its first
+// conversion: its buffer list grows with every buffer a conversion declares,
+// so a process that converts many patterns (a fuzz target) resets it.
+void reset_pattern_conversion_state();
+
 // The header path up to its last '.', at most 79 characters: the array names' base.
 std::string header_base_name(const std::string& header);
 
