@@ -352,7 +352,8 @@ def _lines(f):
         if not piece:
             return
         text = piece.decode("utf-8", errors="replace")
-        yield from LINE_END.split(text[:-1] if text.endswith("\n") else text)
+        lines = LINE_END.split(text)
+        yield from lines[:-1] if text.endswith("\n") else lines  # the piece's own end opens no line
 
 
 def parse_log(path):
