@@ -17,17 +17,17 @@ import numpy as np
 import pytest
 from hypothesis import HealthCheck, given, settings, strategies as st
 
-from conftest import report
 from qora_report import cli
 from qora_report import compare as compare_module
 from qora_report import golden as golden_module
 from qora_report.golden import GoldenError, read_text_golden
 from qora_report.runlog import LogError, parse_log
-from qora_report.summary import summarize, write_junit
+from qora_report.summary import write_junit
 
 VERDICTS = {"pass", "not_compared", "fail", "error", "incomplete", "golden_error"}
 SOURCE = os.environ.get("QORA_SOURCE_DIR", ".")
-HYPOTHESIS = settings(max_examples=150, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
+HYPOTHESIS = settings(max_examples=150, deadline=None, database=None,
+                      suppress_health_check=[HealthCheck.function_scoped_fixture])
 
 # A log with every kind of line the reader takes apart.
 SAMPLE_LOG = (b"\r[####      ][40%]\r[##########][100%]\nopen file(g.hex) error\n"
@@ -131,7 +131,8 @@ def test_diff_on_any_bytes(dump, golden, kind):
         os.unlink(golden_path)
 
 
-@pytest.mark.parametrize("text,verdict,settings_shown", ids=["loader only", "huge numbers", "CR LF address"], argvalues=[
+@pytest.mark.parametrize("text,verdict,settings_shown", ids=["loader only", "huge numbers", "CR LF address"],
+                         argvalues=[
     # The player still loading: its progress bar only.
     ("\r[####          ][20%]\r[#####         ][30%]", "incomplete", set()),
     # Numbers of any size read as what they are, or not at all.
