@@ -235,3 +235,16 @@ def test_version_is_the_projects():
     project = re.search(r"project\(\S+ VERSION (\S+)", open(os.path.join(SOURCE, "CMakeLists.txt")).read())
     out = subprocess.run([launcher, "--version"], capture_output=True, text=True, check=True).stdout
     assert out == f"qora_report {project.group(1)}\n"
+
+
+def test_out_of_memory_names_the_files(tmp_path):
+    """A region as long as a 1 GiB dump, under a 700 MB address-space limit."""
+    import resource
+    dump, golden = tmp_path / "sparse.bin", tmp_path / "tiny.hex"
+    with open(dump, "wb") as f:
+        f.truncate(1 << 30)  # sparse: no disk space taken
+    golden.write_text("@40009000\n" + "0" * 8 + ("_" + "0" * 8) * 3 + "\n")
+    limit = lambda: resource.setrlimit(resource.RLIMIT_AS, (700 << 20, 700 << 20))  # noqa: E731
+    proc = subprocess.run([sys.executable, "-m", "qora_report", "diff", str(dump), str(golden)],
+                          preexec_fn=limit, capture_output=True, text=True)
+    assert (proc.returncode, proc.stderr) == (2, f"qora_report: {dump}: out of memory comparing it with {golden}\n")
