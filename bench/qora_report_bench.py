@@ -3,11 +3,15 @@
 
   diff     a dump against a binary golden of the same size (identical, then
            with a few words changed) beside cmp on the same files, both
-           warm in the page cache; peak memory under twice the dump.
+           warm in the page cache; peak memory under twice the dump. Then
+           text goldens against the dump: one region as long as the dump,
+           one of 32 bytes, and 40 regions; peaks under twice the compared
+           data plus a fixed amount.
   golden   the text golden reader on a large golden, beside its exact
            line-by-line path on a smaller sample.
   summary  a log of many player loops beside a bare regex scan of its
-           statistics lines.
+           statistics lines; a log as large as the dump without line feeds
+           beside it: peaks under twice the log plus a fixed amount.
 
 Prints one row per measurement and exits 1 when a target is missed. Run
 with an interpreter that has numpy, e.g.
@@ -29,6 +33,7 @@ import numpy as np
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 ENV = dict(os.environ, PYTHONPATH=os.path.join(ROOT, "tools"), PYTHONDONTWRITEBYTECODE="1")
 MIB, MB = 1 << 20, 1000000
+FIXED = 100 * MIB  # the interpreter, numpy and the chunks: what any run costs
 TIME = "/usr/bin/time"  # GNU time, for the peak memory of a child
 # Times the golden reader in a child of its own, so that its peak memory is its own.
 READ_GOLDEN = """import sys, time, zlib
@@ -36,7 +41,7 @@ from qora_report.golden import read_text_golden
 start = time.perf_counter()
 regions = read_text_golden(sys.argv[1], lambda name: int(sys.argv[2]), fast=sys.argv[3] == "fast")
 seconds = time.perf_counter() - start
-print(seconds, len(regions), zlib.crc32(regions[0].data), int(regions[0].mask.min()))
+print(seconds, len(regions), zlib.crc32(regions[0].data), int(regions[0].mask_bytes(0, regions[0].length).min()))
 """
 ROWS = []
 MISSED = []
@@ -107,26 +112,52 @@ def bench_diff(args, scratch):
             f"{base_s / tool_s:.2f}x cmp", tool_rss, f">=1x cmp, RSS<{2 * args.dump_mib} MiB", met)
     startup_s, startup_rss = best([sys.executable, "-c", "import qora_report.cli"], args.repeat, 0)
     row("start-up alone: import qora_report.cli", "-", startup_s, rss=startup_rss)
+    os.remove(golden)
+    bench_text_diff(args, scratch, dump)
     os.remove(dump)
+
+
+def bench_text_diff(args, scratch, dump):
+    """Text goldens against the dump: the peak follows the bytes the golden holds."""
+    size = args.dump_mib * MIB
+    golden = os.path.join(scratch, "golden.hex")
+    write_text_golden(golden, size // 16, dump)
+    for what, write in (("1 region, whole dump", None),
+                        ("1 region, 32 bytes", "@40009000\n" + "00000000_00000000_00000000_00000000\n" * 2),
+                        ("40 regions, 32 bytes each", "".join(f"@4000{k:04x}\n" + "0" * 8 + "_" + "0" * 8 + "_"
+                                                              + "0" * 8 + "_" + "0" * 8 + "\n" for k in range(40)))):
+        if write:
+            open(golden, "w").write(write)
+        compared = 2 * size if write is None else size
+        seconds, rss = best([sys.executable, "-m", "qora_report", "diff", dump, golden, "--region", "0"], 1,
+                            0 if write is None else 1)
+        row(f"qora_report diff, text golden, {what}", f"{args.dump_mib} MiB dump", seconds, rss=rss,
+            target=f"RSS<2x{compared // MIB} MiB+{FIXED // MIB}", met=rss < 2 * compared + FIXED)
     os.remove(golden)
 
 
-def write_text_golden(path, lines):
-    """A golden of `lines` random data lines under one region line: the
-    length of its region and the CRC-32 of the bytes it holds."""
+def write_text_golden(path, lines, source=None):
+    """A golden of `lines` data lines (random, or the bytes of the file
+    `source`) under one region line: the length of its region and the
+    CRC-32 of the bytes it holds."""
     rng, crc, done = np.random.default_rng(2), 0, 0
     digits = np.array([g * 9 + i for g in range(4) for i in range(8)])
+    src = open(source, "rb") if source else None
     with open(path, "wb") as f:
         f.write(b"@40009000\n")
         while done < lines:
             n = min(1 << 20, lines - done)
-            data = rng.integers(0, 256, (n, 16), np.uint8)  # memory order: the line spells it backwards
+            # memory order: the line spells it backwards
+            data = (np.frombuffer(src.read(16 * n), np.uint8).reshape(n, 16) if src
+                    else rng.integers(0, 256, (n, 16), np.uint8))
             text = np.full((n, 36), ord("_"), np.uint8)
             text[:, 35] = ord("\n")
             text[:, digits] = np.frombuffer(binascii.hexlify(data[:, ::-1].tobytes()), np.uint8).reshape(n, 32)
             f.write(text.tobytes())
             crc = zlib.crc32(data.tobytes(), crc)
             done += n
+    if src:
+        src.close()
     return 16 * lines, crc
 
 
@@ -192,7 +223,19 @@ def bench_summary(args, scratch):
     note = "" if ran == args.loops else f", {ran} run, repeated"
     row(f"regex scan of statistics lines{note}", f"{args.loops} loops", base_s, f"{size / MB / base_s:.0f}")
     row(f"qora_report summary{note}", f"{args.loops} loops", seconds, f"{size / MB / seconds:.0f}",
-        f"{base_s / seconds:.2f}x regex", rss, "<10 s", seconds < 10)
+        f"{base_s / seconds:.2f}x regex", rss, f"<10 s, RSS<2x{size // MIB} MiB+{FIXED // MIB}",
+        seconds < 10 and rss < 2 * size + FIXED)
+    endless = os.path.join(scratch, "endless.log")
+    with open(endless, "wb") as f:
+        for _ in range(args.dump_mib):
+            f.write(b"[I:x:1] " + b"y" * (MIB - 8))
+    seconds, rss, status, out = child([sys.executable, "-m", "qora_report", "summary", endless, path])
+    if status != 1 or "pass" not in out:
+        sys.exit(f"summary of {endless} and {path}: exit status {status}\n{out}")
+    row("qora_report summary, + a log without line feeds", f"{args.dump_mib} MiB", seconds,
+        f"{(os.path.getsize(endless) + size) / MB / seconds:.0f}", rss=rss,
+        target=f"RSS<2x{size // MIB} MiB+{FIXED // MIB}", met=rss < 2 * size + FIXED)
+    os.remove(endless)
     os.remove(path)
 
 

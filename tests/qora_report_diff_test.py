@@ -166,7 +166,8 @@ def reader_view(path, fast, outputs=OUTPUTS):
         regions = read_text_golden(path, sizer(outputs), fast)
     except GoldenError:
         regions = []
-    lines = [f"{r.length} {r.data.tobytes().hex()} {r.mask_bytes(0, r.length).tobytes().hex()}" for r in regions] or ["fail"]
+    lines = [f"{r.length} {r.data.tobytes().hex()} {r.mask_bytes(0, r.length).tobytes().hex()}"
+             for r in regions] or ["fail"]
     names = [r.name.lower() for r in regions]
     return lines, len(set(names)) < len(names)
 

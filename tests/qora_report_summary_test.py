@@ -159,3 +159,42 @@ def test_plot_writes_charts_per_board(runs, tmp_path):
         assert svg.tag.endswith("svg")
     assert "two_code" in (out / "timings.svg").read_text()
     assert sorted(os.listdir(out)) == sorted(os.path.basename(p) for p in stdout.split())
+
+
+def test_charts_read_right(runs, tmp_path, monkeypatch):
+    """A board keeps its colour in every chart, each PMU event has its own
+    axis, and the heat map counts whole rows, columns and mismatches."""
+    from qora_report import charts
+    from qora_report.compare import Shape, compare
+    from qora_report.summary import summarize
+    figures = {}
+
+    def keep(fig, out_dir, name):
+        figures[name] = fig
+        return [name]
+    monkeypatch.setattr(charts, "_save", keep)
+    summary = summarize([runs["logs"][n] for n in ("pass", "flusher", "two_code")])
+    charts.timings(summary, str(tmp_path))
+    charts.loop_histogram(summary, str(tmp_path))
+    charts.pmu(summary, str(tmp_path))
+    colours = {}
+    for name, fig in figures.items():
+        for ax in fig.axes:
+            for artist in ax.lines + ax.patches:
+                if not artist.get_label().startswith("_"):
+                    colour = artist.get_edgecolor() if name == "loop_times" else artist.get_color()
+                    colours.setdefault(artist.get_label(), set()).add(matplotlib_colour(colour))
+    assert sorted(colours) == ["flusher", "pass", "two_code"] and all(len(c) == 1 for c in colours.values())
+    assert len({next(iter(c)) for c in colours.values()}) == 3
+    assert [ax.get_ylabel().split("\n")[0] for ax in figures["pmu"].axes] == ["0x1708", "0x1709"]
+    result = compare(os.path.join(runs["dir"], "output0_0.bin"), runs["bad_golden"], 0, Shape("6x6x16"))
+    charts.heatmap(result, str(tmp_path))
+    image_ax, bar_ax = figures["heatmap"].axes[0], figures["heatmap"].axes[2]
+    ticks = list(image_ax.get_xticks()) + list(image_ax.get_yticks()) + list(bar_ax.get_yticks())
+    assert all(float(t).is_integer() for t in ticks)
+    assert image_ax.images[0].get_clim() == (0, int(result.pixels.max()))
+
+
+def matplotlib_colour(colour):
+    from matplotlib.colors import to_hex
+    return to_hex(colour)

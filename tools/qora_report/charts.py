@@ -2,7 +2,9 @@
 
 Contract: every function writes `<dir>/<name>.png` and `<dir>/<name>.svg`
 and returns the names it wrote; logs are drawn one line per board so boards
-compare, with units on every axis.
+compare, with units on every axis. A board keeps one colour in every chart
+(its place among the logs given); each PMU event has its own panel and
+scale, since counts of different events differ by many orders.
 """
 import os
 
@@ -27,16 +29,24 @@ def _save(fig, out_dir, name):
 
 
 def _logs(summary):
-    return [log for log in summary["logs"] if log["status"] != "unreadable" and log["loops"]]
+    """(log, colour) of every log with loops; the colour follows the log's
+    place in the summary, so a board looks the same in every chart."""
+    colours = plt.rcParams["axes.prop_cycle"].by_key()["color"]
+    return [(log, colours[i % len(colours)]) for i, log in enumerate(summary["logs"])
+            if log["status"] != "unreadable" and log["loops"]]
+
+
+def _value(v):
+    """A figure as a float to draw (a log may hold numbers of any size)."""
+    return np.nan if v is None else float(v)
 
 
 def timings(summary, out_dir):
     fig, axes = plt.subplots(len(TIMES), 1, sharex=True, figsize=(9, 10))
-    for log in _logs(summary):
+    for log, colour in _logs(summary):
         totals = [loop_totals(loop) for loop in log["loops"]]
         for ax, (field, _) in zip(axes, TIMES):
-            ax.plot([t[field] if t[field] is not None else np.nan for t in totals],
-                    marker=".", label=log["board"])
+            ax.plot([_value(t[field]) for t in totals], marker=".", color=colour, label=log["board"])
     for ax, (_, label) in zip(axes, TIMES):
         ax.set_ylabel(label)
         ax.grid(alpha=0.3)
@@ -49,10 +59,13 @@ def timings(summary, out_dir):
 
 def loop_histogram(summary, out_dir):
     fig, ax = plt.subplots(figsize=(8, 5))
-    for log in _logs(summary):
-        times = [t for t in (loop_totals(loop)["execute_us"] for loop in log["loops"]) if t is not None]
+    for log, colour in _logs(summary):
+        times = [float(t) for t in (loop_totals(loop)["execute_us"] for loop in log["loops"]) if t is not None]
         if times:
-            ax.hist(times, bins=min(50, max(5, len(set(times)))), histtype="step", label=log["board"])
+            # A margin around equal times that survives the floats' rounding of large values.
+            pad = max(0.5, abs(max(times)) * 1e-6) if min(times) == max(times) else 0
+            ax.hist(times, bins=min(50, max(5, len(set(times)))), range=(min(times) - pad, max(times) + pad),
+                    histtype="step", color=colour, label=log["board"])
     ax.set_xlabel("execute time per loop [us]")
     ax.set_ylabel("loops")
     ax.set_title("Loop times")
@@ -61,22 +74,25 @@ def loop_histogram(summary, out_dir):
 
 
 def pmu(summary, out_dir):
-    fig, ax = plt.subplots(figsize=(9, 5))
-    drawn = False
-    for log in _logs(summary):
-        per_loop = [loop_pmu_counts(loop) for loop in log["loops"]]
-        for event in sorted({e for counts in per_loop for e in counts}):
-            ax.plot([counts.get(event, np.nan) for counts in per_loop], marker=".",
-                    label=f"{log['board']} {event}")
-            drawn = True
-    if not drawn:
-        plt.close(fig)
+    """One panel per event, each on its own scale, one line per board."""
+    drawn = [(log, colour, [loop_pmu_counts(loop) for loop in log["loops"]]) for log, colour in _logs(summary)]
+    events = sorted({e for _, _, per_loop in drawn for counts in per_loop for e in counts})
+    if not events:
         return []
-    ax.set_xlabel("loop")
-    ax.xaxis.set_major_locator(MaxNLocator(integer=True))
-    ax.set_ylabel("count (summed over sub-commands and flows)")
-    ax.set_title("PMU event counts")
-    ax.legend(fontsize="small")
+    fig, axes = plt.subplots(len(events), 1, sharex=True, squeeze=False, figsize=(9, 1.2 + 2.2 * len(events)))
+    for ax, event in zip(axes[:, 0], events):
+        for log, colour, per_loop in drawn:
+            if any(event in counts for counts in per_loop):
+                ax.plot([_value(counts.get(event)) for counts in per_loop], marker=".", color=colour,
+                        label=log["board"])
+        ax.set_ylabel(f"{event}\n[count]")
+        ax.grid(alpha=0.3)
+        ax.yaxis.set_major_locator(MaxNLocator(integer=True))
+    axes[0, 0].set_title("PMU event counts per loop (sub-command totals summed)")
+    axes[0, 0].legend(fontsize="small")
+    axes[-1, 0].set_xlabel("loop")
+    axes[-1, 0].xaxis.set_major_locator(MaxNLocator(integer=True))
+    fig.tight_layout()
     return _save(fig, out_dir, "pmu")
 
 
@@ -103,12 +119,19 @@ def bits(result, out_dir):
 def heatmap(result, out_dir):
     shape = result.shape
     fig, (ax_map, ax_ch) = plt.subplots(1, 2, figsize=(12, 5), gridspec_kw={"width_ratios": [3, 2]})
-    image = ax_map.imshow(result.pixels.reshape(shape.h, shape.w), cmap="magma", interpolation="nearest")
-    fig.colorbar(image, ax=ax_map, label="mismatching bytes (all channels)")
-    ax_map.set_xlabel("W")
-    ax_map.set_ylabel("H")
+    pixels = result.pixels.reshape(shape.h, shape.w)
+    image = ax_map.imshow(pixels, cmap="magma", interpolation="nearest", vmin=0, vmax=max(1, int(pixels.max())))
+    bar = fig.colorbar(image, ax=ax_map, label="mismatching bytes per pixel (all channels)")
+    bar.locator = MaxNLocator(integer=True)
+    bar.update_ticks()
+    ax_map.set_xlabel("W (column)")
+    ax_map.set_ylabel("H (row)")
+    for axis in (ax_map.xaxis, ax_map.yaxis):
+        axis.set_major_locator(MaxNLocator(integer=True))
     ax_map.set_title(f"Mismatches over {shape}")
     ax_ch.bar(np.arange(shape.c), result.channels)
+    ax_ch.xaxis.set_major_locator(MaxNLocator(integer=True))
+    ax_ch.yaxis.set_major_locator(MaxNLocator(integer=True))
     ax_ch.set_xlabel("channel")
     ax_ch.set_ylabel("mismatching bytes")
     ax_ch.set_title("Per channel")

@@ -126,7 +126,10 @@ def cmd_diff(args):
     shape = Shape(args.shape) if args.shape else None
     region = args.region if args.region is not None else _default_region(args.dump)
     out_dir = _out_dir(args.output) if args.output else None
-    result = compare(args.dump, args.golden, region, shape, _print_mismatches)
+    try:
+        result = compare(args.dump, args.golden, region, shape, _print_mismatches)
+    except MemoryError:
+        raise UsageError(f"{args.dump}: out of memory comparing it with {args.golden}") from None
     _write(_diff_report(args, region, result) + "\n")
     if out_dir:
         with open(os.path.join(out_dir, "diff.json"), "w") as f:

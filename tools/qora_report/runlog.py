@@ -189,11 +189,11 @@ class _Reader:
         if pmu is not None and m and "flows" in pmu:
             pmu["flows"].append({"flow": int(m.group(1)), "cmd_log": int(m.group(2), 16),
                                  "time_us": int(m.group(3)), "counts": {}})
-            pmu["counts"] = {}  # the run's totals are the last flow's
 
     def pmu_count(self, msg, text):
         """A count; in flusher mode each flow's record holds the running
-        totals of the run so far, so the last flow's are the run's totals."""
+        totals of the run so far, so the last flow's, written over the
+        earlier ones, are the run's totals."""
         pmu, m = self.pmu(), EVT.match(msg)
         if pmu is None or m is None:
             return
@@ -302,7 +302,7 @@ class _Reader:
         log["verdict"] = verdict or "incomplete"
         log["exit_status"] = EXIT_STATUS.get(log["verdict"])
         settings = log["settings"]
-        events = sorted({k for loop in loops for s in loop["subcommands"] for r in pmu_counts(s) for k in r})
+        events = sorted({k for loop in loops for s in loop["subcommands"] for k in s.get("pmu", {}).get("counts", {})})
         settings["pmu_events"] = events
         settings["flusher"] = any(s.get("pmu", {}).get("mode") == "flusher"
                                   for loop in loops for s in loop["subcommands"])
@@ -337,13 +337,6 @@ def _stops_the_build(log):
             or any(LOADER_FAILURE.match(m) for m in log["loader_messages"]))
 
 
-def pmu_counts(sub):
-    """The event-count records of a sub-command: its normal-mode counts and
-    one per flusher flow."""
-    pmu = sub.get("pmu", {})
-    return [pmu.get("counts", {})] + [flow["counts"] for flow in pmu.get("flows", [])]
-
-
 def _lines(f):
     """The lines of a binary file (ends: CR LF, CR, LF), as text, in pieces of
     at most LINE_LIMIT bytes."""
@@ -352,7 +345,8 @@ def _lines(f):
         if not piece:
             return
         text = piece.decode("utf-8", errors="replace")
-        yield from LINE_END.split(text[:-1] if text.endswith("\n") else text)
+        lines = LINE_END.split(text)
+        yield from lines[:-1] if text.endswith("\n") else lines  # the piece's own end opens no line
 
 
 def parse_log(path):
