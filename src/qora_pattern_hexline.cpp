@@ -271,23 +271,24 @@ __attribute__((target("avx2"))) static size_t avx2_run(const char* text, size_t 
 
 #if defined(__aarch64__)
 
+// The nibbles of sixteen characters; `valid` is all ones in the lanes that
+// hold a digit.
 template <bool kGolden>
-static inline bool neon_nibbles(uint8x16_t chars, uint8x16_t* value, uint8x16_t* keep)
+static inline uint8x16_t neon_nibbles(uint8x16_t chars, uint8x16_t* valid, uint8x16_t* keep)
 {
     uint8x16_t digit = vsubq_u8(chars, vdupq_n_u8('0'));
     uint8x16_t is_digit = vcleq_u8(digit, vdupq_n_u8(9));
     uint8x16_t alpha = vsubq_u8(vorrq_u8(chars, vdupq_n_u8(0x20)), vdupq_n_u8('a'));
     uint8x16_t is_alpha = vcleq_u8(alpha, vdupq_n_u8(5));
-    uint8x16_t valid = vorrq_u8(is_digit, is_alpha);
-    uint8x16_t v = vaddq_u8(vandq_u8(chars, vdupq_n_u8(0x0F)), vandq_u8(is_alpha, vdupq_n_u8(9)));
+    *valid = vorrq_u8(is_digit, is_alpha);
+    uint8x16_t value = vaddq_u8(vandq_u8(chars, vdupq_n_u8(0x0F)), vandq_u8(is_alpha, vdupq_n_u8(9)));
     if constexpr (kGolden) {
         uint8x16_t is_x = vceqq_u8(chars, vdupq_n_u8('x'));
-        valid = vorrq_u8(valid, is_x);
-        v = vbicq_u8(v, is_x);
+        *valid = vorrq_u8(*valid, is_x);
+        value = vbicq_u8(value, is_x);
         *keep = vbicq_u8(vdupq_n_u8(0x0F), is_x);
     }
-    *value = v;
-    return vminvq_u8(valid) == 0xFF;
+    return value;
 }
 
 // Even characters are the high nibbles; the sixteen bytes are stored last
@@ -307,9 +308,12 @@ static inline uint8x16_t neon_groups(const char* first, const char* second)
 template <bool kGolden>
 static inline bool neon_line(const char* line, uint8_t* data, uint8_t* mask)
 {
-    uint8x16_t front, back, front_keep = vdupq_n_u8(0), back_keep = vdupq_n_u8(0);
-    if (!separators_in_place(line) || !neon_nibbles<kGolden>(neon_groups(line, line + 9), &front, &front_keep) ||
-        !neon_nibbles<kGolden>(neon_groups(line + 18, line + 27), &back, &back_keep))
+    if (!separators_in_place(line))
+        return false;
+    uint8x16_t front_valid, back_valid, front_keep = vdupq_n_u8(0), back_keep = vdupq_n_u8(0);
+    uint8x16_t front = neon_nibbles<kGolden>(neon_groups(line, line + 9), &front_valid, &front_keep);
+    uint8x16_t back = neon_nibbles<kGolden>(neon_groups(line + 18, line + 27), &back_valid, &back_keep);
+    if (vminvq_u8(vandq_u8(front_valid, back_valid)) != 0xFF)
         return false;
     neon_store_reversed(front, back, data);
     if constexpr (kGolden)
