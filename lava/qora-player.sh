@@ -128,7 +128,7 @@ golden_failure() {
     /\[[IWED]:[A-Za-z_~][A-Za-z0-9_~]*:[0-9]+\] / { next }
     {
       line = $0; sub(/[ \t\r\f\v]+$/, "", line)
-      if (line ~ /^(Golden file type: Fail|No pattern data|open file\(.*(\.hex\) error|\) error )|load_golden_hex\(\):[0-9]+ get invalid out sz|Warning : len >= 120|Warning : read golden size|free golden\()/) {
+      if (line ~ /^(Golden file type: Fail|No pattern data|open file\(.*\.(hex|bin)\) error|load_golden_hex\(\):[0-9]+ get invalid out sz|Warning : len >= 120|Warning : read golden size|free golden\()/) {
         print line; found = 1; exit
       }
       if (scan == "" && line ~ /^load_golden_hex\(\):[0-9]+ sscanf fail/) scan = line
@@ -144,8 +144,7 @@ judge() {
   log=$2
   whole=0
   ended=$((verified + not_compared))
-  golden_line=
-  [ "$ended" -eq 0 ] || golden_line=$(golden_failure "$log" "$not_compared")
+  golden_line=$(golden_failure "$log" "$not_compared")
   if [ -e "$log.timeout" ]; then
     result=fail reason="timed out after $timeout s"
   elif [ "$status" -gt 128 ]; then

@@ -55,6 +55,8 @@ def job(tmp_path_factory):
         f"{demo}/pattern.hex:{d}/hex_text.bin": ("pattern_6", "golden_error"),
         # one output, two goldens: the second does not load, the first verifies
         f"{demo}/pattern.hex:{demo}/golden.hex,{demo}/golden.hex": ("pattern_7", "golden_error"),
+        # the loader's line ends in a blank, which neither reader keeps
+        f"{demo}/pattern.hex:{d}/missing_golden.bin": ("pattern_8", "golden_error"),
     }
     statuses = {}
     for entry, (case, _) in entries.items():
@@ -209,6 +211,8 @@ def test_run_script_and_report_pass_and_fail_the_same_runs(job, require_compare)
         bad = int(suites[case].get("failures")) + int(suites[case].get("errors"))
         assert (bad > 0) == (script == "fail"), case
         assert script == "fail" or job["statuses"][case] == 0, case
+        if log["verdict"] == "golden_error":
+            assert log["lava"]["reason"] == "golden error: " + log["reason"], case
     assert results["pattern_4"] == ("fail" if require_compare == "true" else "pass")
     assert sorted(case for case, r in results.items() if r == "pass") == (
         ["Test", "pattern"] + ([] if require_compare == "true" else ["pattern_4"]))
