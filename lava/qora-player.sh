@@ -4,10 +4,15 @@
 # the measurement. With per-loop cases each pattern also gets a test set
 # holding a case per loop. Needs only a POSIX shell and busybox.
 #
-# A pattern passes only when the player exited 0 and printed its success
-# verdict ("Verify pattern N times : success"); anything else fails, with
-# the reason printed on the console: a run that compared nothing (a golden
-# error when goldens were given), timed out, was killed or built nothing.
+# A pattern passes when the player exited 0 and printed its success verdict
+# ("Verify pattern N times : success"), or printed that it compared nothing
+# ("Run pattern N times : done") because no golden was given, unless -q true
+# requires every pattern to compare. Anything else fails, with the reason
+# printed on the console: a golden that did not load (goldens were given
+# but nothing was compared, or the loader printed a golden error), a
+# compare or command failure, a timeout, a kill, a pattern that built
+# nothing. This is qora_report's rule for the same output (its verdicts
+# pass and not_compared pass, not_compared only without --require-compare).
 # A player that cannot be found ends the test run (lava-test-raise). With
 # -e true a failed pattern also ends the test run after its case is
 # reported, so that a health check marks the board bad (LAVA completes a job
@@ -22,20 +27,21 @@ timeout=600
 loop_cases=false
 console=full
 raise_on_fail=false
+require_compare=false
 out_dir=qora-results
 
 usage() {
   cat >&2 <<USAGE
 usage: $0 [-p player] [-f patterns] [-l loops] [-o player options]
           [-t timeout seconds] [-c true|false] [-C full|brief]
-          [-e true|false] [-r log dir]
+          [-e true|false] [-q true|false] [-r log dir]
   patterns: space-separated entries "pattern[:golden[,golden...]]",
             a pattern being a file or a built-in name (Test, MaxPower)
 USAGE
   exit 2
 }
 
-while getopts p:f:l:o:t:c:C:e:r: opt; do
+while getopts p:f:l:o:t:c:C:e:q:r: opt; do
   case $opt in
     p) player=$OPTARG ;;
     f) patterns=$OPTARG ;;
@@ -45,6 +51,7 @@ while getopts p:f:l:o:t:c:C:e:r: opt; do
     c) loop_cases=$OPTARG ;;
     C) console=$OPTARG ;;
     e) raise_on_fail=$OPTARG ;;
+    q) require_compare=$OPTARG ;;
     r) out_dir=$OPTARG ;;
     *) usage ;;
   esac
@@ -54,6 +61,7 @@ is_count "$loops" || usage
 is_count "$timeout" || usage
 case $loop_cases in true|false) ;; *) usage ;; esac
 case $raise_on_fail in true|false) ;; *) usage ;; esac
+case $require_compare in true|false) ;; *) usage ;; esac
 case $console in full|brief) ;; *) usage ;; esac
 
 # Kills the player ($1) after $timeout seconds, leaving the file $2 behind
@@ -111,20 +119,46 @@ read_log() {
     }' "$1")"
 }
 
-# Decides a pattern's result and reason from the run and its log.
+# The first loader line of a log (a line without the player's "[X:name:N] "
+# prefix) saying that a golden named on the command line did not load; with
+# $2 = 1 (nothing was compared) also a golden data line it could not scan.
+# Trailing blanks are dropped before matching, as qora_report does.
+golden_failure() {
+  awk -v not_compared="$2" '
+    /\[[IWED]:[A-Za-z_~][A-Za-z0-9_~]*:[0-9]+\] / { next }
+    {
+      line = $0; sub(/[ \t\r\f\v]+$/, "", line)
+      if (line ~ /^(Golden file type: Fail|No pattern data|open file\(.*\.(hex|bin)\) error|load_golden_hex\(\):[0-9]+ get invalid out sz|Warning : len >= 120|Warning : read golden size|free golden\()/) {
+        print line; found = 1; exit
+      }
+      if (scan == "" && line ~ /^load_golden_hex\(\):[0-9]+ sscanf fail/) scan = line
+    }
+    END { if (!found && not_compared == 1 && scan != "") print scan }' "$1"
+}
+
+# Decides a pattern's result and reason from the run and its log; whole=1
+# when the result holds for every loop that ran (nothing was compared, or a
+# golden did not load), not only for the last one.
 judge() {
   goldens=$1
   log=$2
+  whole=0
+  ended=$((verified + not_compared))
+  golden_line=$(golden_failure "$log" "$not_compared")
   if [ -e "$log.timeout" ]; then
     result=fail reason="timed out after $timeout s"
   elif [ "$status" -gt 128 ]; then
     result=fail reason="killed by signal $((status - 128))"
+  elif [ "$ended" -gt 0 ] && [ $((failed_loop + command_failed)) -eq 0 ] && [ -n "$golden_line" ]; then
+    result=fail reason="golden error: $golden_line" whole=1
   elif [ "$status" -eq 0 ] && [ "$verified" = 1 ]; then
     result=pass reason="verified $loops loops"
   elif [ "$status" -eq 0 ] && [ "$not_compared" = 1 ] && [ "$goldens" -gt 0 ]; then
-    result=fail reason="golden error: nothing compared although $goldens golden file(s) were given"
+    result=fail reason="golden error: nothing compared although $goldens golden file(s) were given" whole=1
+  elif [ "$status" -eq 0 ] && [ "$not_compared" = 1 ] && [ "$require_compare" = true ]; then
+    result=fail reason="nothing compared: no golden given, and every pattern must compare" whole=1
   elif [ "$status" -eq 0 ] && [ "$not_compared" = 1 ]; then
-    result=fail reason="nothing compared: no golden given"
+    result=pass reason="nothing compared: no golden given" whole=1
   elif [ "$failed_loop" -gt 0 ]; then
     result=fail reason="compare golden fail in loop $((failed_loop - 1))"
   elif [ "$command_failed" -gt 0 ]; then
@@ -142,10 +176,8 @@ judge() {
 loop_result() {
   if [ "$1" -ge "$runs" ]; then
     echo skip
-  elif [ $(($1 + 1)) -eq "$runs" ]; then
+  elif [ $(($1 + 1)) -eq "$runs" ] || [ "$whole" = 1 ]; then
     echo "$result"
-  elif [ "$not_compared" = 1 ]; then
-    echo fail
   else
     echo pass
   fi

@@ -88,11 +88,23 @@ PATTERNS = [
      [("fail", "100"), ("skip", None), ("skip", None)]),
     ("cmdfail.hex", "cmdfail", "fail", "100.0", "command failed in loop 0",
      [("fail", "100"), ("skip", None), ("skip", None)]),
-    ("nogolden.hex:missing_g.hex", "nogolden", "fail", "101.0",
+    ("nogolden.hex:missing_g.hex", "nogolden", "fail", "101.0", "golden error: open file(missing_g.hex) error",
+     [("fail", "100"), ("fail", "101"), ("fail", "102")]),
+    ("nogolden.hex:g.hex", "nogolden_2", "fail", "101.0",
      "golden error: nothing compared although 1 golden file(s) were given",
      [("fail", "100"), ("fail", "101"), ("fail", "102")]),
-    ("plain.hex", "plain", "fail", "101.0", "nothing compared: no golden given",
+    ("typo.hex:g.txt", "typo", "fail", "101.0", "golden error: Golden file type: Fail",
      [("fail", "100"), ("fail", "101"), ("fail", "102")]),
+    ("oversize.hex:g.hex", "oversize", "fail", "101.0",
+     "golden error: Warning : read golden size(0x40) > output size(0x20)",
+     [("fail", "100"), ("fail", "101"), ("fail", "102")]),
+    # a golden data line it could not scan: harmless when the run verified
+    ("scan.hex:g.hex", "scan", "pass", "101.0", "verified 3 loops",
+     [("pass", "100"), ("pass", "101"), ("pass", "102")]),
+    ("scan_done.hex:g.hex", "scan_done", "fail", "101.0", "golden error: load_golden_hex():65 sscanf fail",
+     [("fail", "100"), ("fail", "101"), ("fail", "102")]),
+    ("plain.hex", "plain", "pass", "101.0", "nothing compared: no golden given",
+     [("pass", "100"), ("pass", "101"), ("pass", "102")]),
     ("missing.hex:g.hex", "missing", "fail", None, "pattern did not load",
      [("skip", None), ("skip", None), ("skip", None)]),
     ("crash.hex:g.hex", "crash", "fail", "101.0", "exit status 1 after 3 runs",
@@ -142,6 +154,18 @@ def test_a_player_deaf_to_sigterm_is_killed_5_s_later(board):
     assert "QORA-LAVA end case=deaf exit=137 result=fail reason=timed out after 1 s\n" in proc.stdout
 
 
+@pytest.mark.parametrize("require_compare, plain", [
+    ("false", ("pass", "nothing compared: no golden given")),
+    ("true", ("fail", "nothing compared: no golden given, and every pattern must compare")),
+])
+def test_require_compare_fails_a_pattern_without_golden_and_nothing_else(board, require_compare, plain):
+    proc, record = run_script(board, "-f", "plain.hex pass.hex:g.hex", "-l", "2", "-c", "true", "-q", require_compare)
+    assert cases(record) == {
+        "plain": (plain[0], "100.5"), "plain/plain_loop0": (plain[0], "100"), "plain/plain_loop1": (plain[0], "101"),
+        "pass": ("pass", "100.5"), "pass/pass_loop0": ("pass", "100"), "pass/pass_loop1": ("pass", "101")}
+    assert f"case=plain exit=0 result={plain[0]} reason={plain[1]}\n" in proc.stdout
+
+
 def test_loop_cases_off_gives_one_case_per_pattern(board):
     proc, record = run_script(board, "-f", "pass.hex:g.hex Test", "-l", "2")
     assert proc.returncode == 0, proc.stderr
@@ -186,7 +210,8 @@ def test_raise_on_fail_ends_the_run_after_the_failed_case(board, raise_on_fail, 
     assert proc.returncode == (1 if raise_on_fail == "true" else 0)
 
 
-@pytest.mark.parametrize("args", [["-e", "1"], ["-l", "0"], ["-l", "x"], ["-t", ""], ["-c", "yes"], ["-C", "loud"], ["-z"]])
+@pytest.mark.parametrize("args", [["-e", "1"], ["-l", "0"], ["-l", "x"], ["-t", ""], ["-c", "yes"], ["-C", "loud"],
+                                  ["-q", "1"], ["-z"]])
 def test_bad_parameters_are_refused_before_any_run(board, args):
     proc, record = run_script(board, *args)
     assert proc.returncode == 2

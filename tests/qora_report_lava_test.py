@@ -8,11 +8,14 @@ import os
 import subprocess
 import sys
 
+import xml.etree.ElementTree as ET
+
 import pytest
 import yaml
 
 from qora_report import lava
 from qora_report.runlog import parse_log
+from qora_report.summary import failed, summarize, write_junit
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SCRIPT = os.path.join(HERE, "..", "lava", "qora-player.sh")
@@ -39,21 +42,41 @@ def job(tmp_path_factory):
     lines = (demo / "golden.hex").read_text().split("\n")
     lines[1] = lines[1][:-1] + ("0" if lines[1][-1] != "0" else "1")
     bad.write_text("\n".join(lines))
+    (d / "golden.txt").write_text((demo / "golden.hex").read_text())
+    (d / "hex_text.bin").write_text((demo / "golden.hex").read_text())
     entries = {  # pattern entry: (case, verdict the report must give)
         "Test": ("Test", "pass"),
         f"{demo}/pattern.hex:{demo}/golden.hex": ("pattern", "pass"),
         f"{demo}/pattern.hex:{bad}": ("pattern_2", "fail"),
         f"{demo}/pattern.hex:{d}/missing_golden.hex": ("pattern_3", "golden_error"),
         f"{d}/missing.hex": ("missing", "error"),
+        f"{demo}/pattern.hex": ("pattern_4", "not_compared"),
+        f"{demo}/pattern.hex:{d}/golden.txt": ("pattern_5", "golden_error"),
+        f"{demo}/pattern.hex:{d}/hex_text.bin": ("pattern_6", "golden_error"),
+        # one output, two goldens: the second does not load, the first verifies
+        f"{demo}/pattern.hex:{demo}/golden.hex,{demo}/golden.hex": ("pattern_7", "golden_error"),
+        # the loader's line ends in a blank, which neither reader keeps
+        f"{demo}/pattern.hex:{d}/missing_golden.bin": ("pattern_8", "golden_error"),
     }
+    statuses = {}
+    for entry, (case, _) in entries.items():
+        args = ["-f", entry.split(":")[0]] + [a for g in entry.split(":")[1:] for f in g.split(",") for a in ("-g", f)]
+        statuses[case] = subprocess.run([PLAYER, *args, "-l", "2"], capture_output=True, timeout=300).returncode
+    return {"dir": d, "lines": play(d, entries, "false"), "entries": entries, "statuses": statuses}
+
+
+def play(d, entries, require_compare):
+    """The job log of one run of the script over the entries, with the
+    result record LAVA adds after each case; runs' logs in d/runs."""
     helpers = d / "bin"
-    helpers.mkdir()
+    helpers.mkdir(exist_ok=True)
     for name in ("lava-test-case", "lava-test-set", "lava-test-raise"):
         (helpers / name).write_text('#!/bin/sh\necho "$*" >>"$LAVA_RECORD"\n')
         (helpers / name).chmod(0o755)
+    (d / "record.txt").write_text("")
     env = dict(os.environ, PATH=f"{helpers}:{os.environ['PATH']}", LAVA_RECORD=str(d / "record.txt"))
-    proc = subprocess.run(["dash", SCRIPT, "-p", PLAYER, "-f", " ".join(entries), "-l", "2", "-r", str(d / "runs")],
-                          env=env, check=True, capture_output=True, text=True, timeout=300)
+    proc = subprocess.run(["dash", SCRIPT, "-p", PLAYER, "-f", " ".join(entries), "-l", "2", "-r", str(d / "runs"),
+                           "-q", require_compare], env=env, check=True, capture_output=True, text=True, timeout=300)
     results = [line.split() for line in (d / "record.txt").read_text().splitlines()]
     log = [record("info", "start: 3 lava-test-retry (timeout 00:05:00) [common]")]
     for line in proc.stdout.splitlines():
@@ -62,11 +85,7 @@ def job(tmp_path_factory):
             case = line.split()[2].split("=")[1]
             result = next(r[r.index("--result") + 1] for r in results if r[0] == case)
             log.append(RESULT % (case, result))
-    statuses = {}
-    for entry, (case, _) in entries.items():
-        args = ["-f", entry.split(":")[0]] + [a for g in entry.split(":")[1:] for a in ("-g", g)]
-        statuses[case] = subprocess.run([PLAYER, *args, "-l", "2"], capture_output=True, timeout=300).returncode
-    return {"dir": d, "lines": log, "entries": entries, "statuses": statuses}
+    return log
 
 
 def write(job, name, lines):
@@ -87,7 +106,7 @@ def test_each_run_reads_as_its_own_log_with_the_players_exit_status(job, form):
         assert log["board"] == f"board-{form}/{case}" and log["status"] == "complete"
         alone = parse_log(str(job["dir"] / "runs" / f"{case}.log"))
         assert log["loops"] == alone["loops"]
-        assert log["lava"]["result"] == ("pass" if log["verdict"] == "pass" else "fail")
+        assert log["lava"]["result"] == ("pass" if log["verdict"] in ("pass", "not_compared") else "fail")
     assert logs["missing"]["pattern"].endswith("missing.hex")
     assert len(logs["Test"]["loops"]) == 2 and logs["Test"]["loops"][0]["subcommands"][0]["execute_us"] > 0
 
@@ -125,14 +144,28 @@ def exit_1(i, lines):
     lines[i] = lines[i].replace("exit=0", "exit=1")
 
 
-@pytest.mark.parametrize("case, edit, verdict, status", [
-    ("missing", glue_to_previous, "error", 1),  # the loader's message still counts
-    ("Test", exit_1, "error", 1),  # printed success, then exited 1
+def drop_loader_lines(i, lines):
+    """The run without the golden loader's lines: only the goldens count of
+    the start line says a golden was given."""
+    start = max(j for j in range(i) if "QORA-LAVA start " in lines[j])
+    lines[start:i] = [line for line in lines[start:i] if "open file(" not in line]
+
+
+@pytest.mark.parametrize("case, edit, verdict, status, reason", [
+    ("missing", glue_to_previous, "error", 1, None),  # the loader's message still counts
+    ("Test", exit_1, "error", 1, "exit status 1"),  # printed success, then exited 1
+    ("pattern_3", drop_loader_lines, "golden_error", 0, "nothing compared although 1 golden file(s) were given"),
 ])
-def test_end_lines_as_consoles_and_players_leave_them(job, case, edit, verdict, status):
+def test_end_lines_as_consoles_and_players_leave_them(job, case, edit, verdict, status, reason):
     path = write(job, "edited.yaml", edited(job["lines"], case, edit))
-    log = next(log for log in lava.job_logs(path) if log["lava"]["case"] == case)
+    summary = summarize([path])
+    log = next(log for log in summary["logs"] if log["lava"]["case"] == case)
     assert (log["verdict"], log["exit_status"], log["status"]) == (verdict, status, "complete")
+    junit = job["dir"] / "edited.xml"
+    write_junit(summary, junit)
+    suite = next(s for s in ET.parse(junit).getroot() if s.get("name").endswith("/" + case))
+    assert suite.find("testcase[last()]/failure") is not None or suite.find("testcase[last()]/error") is not None
+    assert log.get("reason") == reason and suite.find("testcase/skipped") is None
 
 
 @pytest.mark.parametrize("lines, reason", [
@@ -153,6 +186,33 @@ def test_summary_of_a_job_log_writes_json_and_junit_and_fails_with_its_failures(
     assert proc.returncode == 1, proc.stderr
     logs = json.load(open(out))["logs"]
     assert [log["board"] for log in logs] == [f"nightly/{case}" for case, _ in job["entries"].values()]
-    assert (job["dir"] / "junit.xml").read_text().count("<testsuite ") == 5
+    assert (job["dir"] / "junit.xml").read_text().count("<testsuite ") == len(job["entries"])
     console = write(job, "plain.log", [open(job["dir"] / "runs" / "Test.log").read()])
     assert not lava.is_job_log(console)
+
+
+@pytest.mark.parametrize("require_compare", ["false", "true"])
+def test_run_script_and_report_pass_and_fail_the_same_runs(job, require_compare):
+    """The script's case results, qora_report's rule on its reading of the
+    same job log, and the JUnit suites all agree; a passing case is one the
+    player itself ended with exit status 0."""
+    lines = job["lines"] if require_compare == "false" else play(job["dir"], job["entries"], require_compare)
+    path = write(job, f"agree-{require_compare}.yaml", lines)
+    summary = summarize([path])
+    junit = job["dir"] / f"agree-{require_compare}.xml"
+    write_junit(summary, junit, require_compare == "true")
+    suites = {suite.get("name").split("/")[-1]: suite for suite in ET.parse(junit).getroot()}
+    results = {}
+    for log in summary["logs"]:
+        case = log["lava"]["case"]
+        script = log["lava"]["result"]
+        results[case] = script
+        assert script == ("fail" if failed(log, require_compare == "true") else "pass"), case
+        bad = int(suites[case].get("failures")) + int(suites[case].get("errors"))
+        assert (bad > 0) == (script == "fail"), case
+        assert script == "fail" or job["statuses"][case] == 0, case
+        if log["verdict"] == "golden_error":
+            assert log["lava"]["reason"] == "golden error: " + log["reason"], case
+    assert results["pattern_4"] == ("fail" if require_compare == "true" else "pass")
+    assert sorted(case for case, r in results.items() if r == "pass") == (
+        ["Test", "pattern"] + ([] if require_compare == "true" else ["pattern_4"]))

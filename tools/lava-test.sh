@@ -144,7 +144,7 @@ expected = {  # case: (result, measured, reason), then the loops' (result, measu
     "MaxPower": ("pass", True, "verified 3 loops", [("pass", True)] * 3),
     "pattern": ("pass", True, "verified 3 loops", [("pass", True)] * 3),
     "pattern_2": ("fail", True, "compare golden fail in loop 0", [("fail", True), ("skip", False), ("skip", False)]),
-    "pattern_3": ("fail", True, "golden error: nothing compared although 1 golden file(s) were given",
+    "pattern_3": ("fail", True, "golden error: open file(/opt/qora/missing_golden.hex) error",
                   [("fail", True)] * 3),
     "missing": ("fail", False, "pattern did not load", [("skip", False)] * 3),
 }

@@ -10,13 +10,14 @@ LAVA recorded ("lava"). It never raises: a file it cannot use gives one
 entry with status "unreadable" and the reason.
 
 Verdicts follow the run script's rule: a run whose player exited non-zero
-does not pass whatever it printed, and a run that compared nothing although
-goldens were given is "golden_error".
+does not pass whatever it printed (its last loop reads "error"), and a run
+that compared nothing although goldens were given is "golden_error" in
+every loop, as a console log whose loader lines show the cause.
 """
 import json
 import re
 
-from .runlog import _Reader, board_name
+from .runlog import LINE_END, _Reader, board_name
 
 RECORD = re.compile(r'(- )?\{"dt": ')
 START = re.compile(r"QORA-LAVA start case=(\S+) pattern=(\S*) goldens=(\d+) loops=(\d+)")
@@ -73,11 +74,29 @@ class _Run:
             lava["result"], lava["reason"] = self.end.group(3), self.end.group(4).strip()
             log["exit_status"] = status
             if status != 0 and log["verdict"] in ("pass", "not_compared"):
-                log["verdict"] = "error"
+                self.exited_with(log, status)
             elif self.goldens and log["verdict"] == "not_compared":
-                log["verdict"] = "golden_error"
+                self.golden_not_compared(log)
         log["status"] = "complete" if log["exit_status"] is not None else "incomplete"
         return log
+
+    @staticmethod
+    def exited_with(log, status):
+        log["verdict"], log["reason"] = "error", f"exit status {status}"
+        if log["loops"]:
+            log["loops"][-1]["verdict"] = "error"
+
+    def golden_not_compared(self, log):
+        log["verdict"] = "golden_error"
+        log["reason"] = f"nothing compared although {self.goldens} golden file(s) were given"
+        for loop in log["loops"]:
+            loop["verdict"] = "golden_error"
+
+    def line(self, text):
+        """Console text of one record, read as the console log reader reads
+        the same bytes: split at line terminators, without them."""
+        for line in LINE_END.split(text[:-1] if text.endswith("\n") else text):
+            self.reader.line(line)
 
 
 def _unreadable(path, reason):
@@ -105,7 +124,7 @@ def job_logs(path):
                 start, end = START.search(msg), END.search(msg)
                 marker = start or end
                 if marker and marker.start() > 0 and run is not None:
-                    run.reader.line(msg[:marker.start()] + "\n")  # output without a line feed
+                    run.line(msg[:marker.start()])  # output without a line feed
                 if start:
                     if run is not None:
                         runs.append(run.finish())
@@ -117,7 +136,7 @@ def job_logs(path):
                     by_case[run.case] = log
                     run = None
                 elif run is not None:
-                    run.reader.line(msg + "\n")
+                    run.line(msg)
     except OSError as e:
         return _unreadable(path, e.strerror)
     if run is not None:

@@ -19,8 +19,8 @@ LOADER = re.compile(r"open file\(|Golden file type: Fail|No pattern data|Warning
 LOADER_FAILURE = re.compile(r"open file\(|Warning : len >= 120")
 # Loader lines that say a golden named on the command line was not loaded
 # (a pattern file that cannot be opened prints "open file(%s) \\n" instead,
-# a binary pattern "open file(<name>.bin) error").
-GOLDEN_FAILURE = re.compile(r"Golden file type: Fail|No pattern data|open file\(.*(\.hex\) error|\) error )"
+# a binary pattern "open file(<name>.bin) error", but then nothing runs).
+GOLDEN_FAILURE = re.compile(r"Golden file type: Fail|No pattern data|open file\(.*\.(hex|bin)\) error"
                             r"|load_golden_hex\(\):\d+ get invalid out sz|Warning : len >= 120"
                             r"|Warning : read golden size|free golden\(")
 # A data line the golden loader could not scan: harmless beside a comparison
