@@ -84,6 +84,12 @@ struct RunCase {
     }
 };
 
+// Test listings name a case by its description.
+void PrintTo(const RunCase& c, std::ostream* os)
+{
+    *os << c.what;
+}
+
 RunCase play(const char* what, std::string args, int rc)
 {
     return RunCase{what, std::move(args), rc, {}, {}, {}, {}};
