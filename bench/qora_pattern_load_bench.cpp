@@ -377,6 +377,8 @@ LOAD_BENCHMARK(BM_BaselineGoldenHex, 3);
 // elapsed time does.
 class ratio_reporter : public benchmark::ConsoleReporter {
 public:
+    ratio_reporter() : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_ColorTabular : OO_Tabular) {}
+
     void ReportRuns(const std::vector<Run>& reports) override
     {
         ConsoleReporter::ReportRuns(reports);
