@@ -24,6 +24,10 @@ class UsageError(Exception):
     pass
 
 
+class _Stdout:
+    closed = False  # its reader went away: nothing more is formatted for it
+
+
 def _out_dir(path):
     try:
         os.makedirs(path, exist_ok=True)
@@ -39,6 +43,7 @@ def _write(text):
         sys.stdout.write(text)
         sys.stdout.flush()
     except BrokenPipeError:
+        _Stdout.closed = True
         devnull = os.open(os.devnull, os.O_WRONLY)
         os.dup2(devnull, sys.stdout.fileno())  # nothing left to flush at exit
         os.close(devnull)
@@ -79,6 +84,8 @@ def _default_region(dump):
 
 
 def _print_mismatches(index, out, gold, mask):
+    if _Stdout.closed:
+        return
     lines = (f"{i:10d} 0x{4 * i:08x}: output = {o:08x}, golden = {g:08x}, mask = {m:08x}"
              for i, o, g, m in zip(index, out, gold, mask))
     _write("\n".join(lines) + "\n")

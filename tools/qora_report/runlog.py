@@ -5,8 +5,8 @@ debug mask, with progress bars, foreign lines and a cut-off end) and
 returns a plain dict ready for JSON: the pattern, the settings the log
 shows, every loop with its verdict, timings, PMU counts and mismatches, and
 the run's verdict and exit status where the log settles them. The file is
-read in pieces of at most LINE_LIMIT bytes, so a log without line feeds
-costs no more memory than a short one. It raises LogError only when the
+read a block at a time, and a line in pieces of bounded length, so a log
+without line feeds costs no more memory than a short one. It raises LogError only when the
 file cannot be read or holds no line of the player.
 """
 import os
@@ -28,6 +28,7 @@ GOLDEN_FAILURE = re.compile(r"Golden file type: Fail|No pattern data|open file\(
 GOLDEN_SCAN = re.compile(r"load_golden_hex\(\):\d+ sscanf fail")
 PROGRESS = re.compile(r"\[[# ]*\]\[\d+%\]")
 LINE_LIMIT = 1 << 16
+BLOCK = 1 << 20
 LINE_END = re.compile(r"\r\n?|\n")
 MASKED = re.compile(r"\s*(\d{1,20}): output = ([0-9a-f]{1,16}), golden = ([0-9a-f]{1,16}), mask = ([0-9a-f]{1,16})")
 PLAIN = re.compile(r"index = (\d{1,20}), outout = 0x([0-9a-f]{1,16}), golden = 0x([0-9a-f]{1,16})")
@@ -338,15 +339,21 @@ def _stops_the_build(log):
 
 
 def _lines(f):
-    """The lines of a binary file (ends: CR LF, CR, LF), as text, in pieces of
-    at most LINE_LIMIT bytes."""
+    """The lines of a binary file (ends: CR LF, CR, LF) as text, decoded a
+    block of whole lines at a time; a line longer than LINE_LIMIT comes in
+    pieces of at most BLOCK + LINE_LIMIT bytes."""
+    rest = b""
     while True:
-        piece = f.readline(LINE_LIMIT)
-        if not piece:
+        block = f.read(BLOCK)
+        data = rest + block
+        cut = data.rfind(b"\n") + 1 or (len(data) if len(data) >= LINE_LIMIT or not block else 0)
+        if cut:
+            text = data[:cut].decode("utf-8", errors="replace")
+            lines = LINE_END.split(text)
+            yield from lines[:-1] if text.endswith("\n") else lines  # the last end opens no line
+        rest = data[cut:]
+        if not block:
             return
-        text = piece.decode("utf-8", errors="replace")
-        lines = LINE_END.split(text)
-        yield from lines[:-1] if text.endswith("\n") else lines  # the piece's own end opens no line
 
 
 def parse_log(path):
