@@ -47,7 +47,7 @@
 #include "fuzz_util.h"
 #include "qora_pattern.h"
 #include "qora_pattern_reader.h"
-#include "qora_pattern_store.h"
+#include "qora_pattern_internal.h"
 #include "qora_player.h"
 
 namespace {

@@ -11,6 +11,7 @@
 
 #include <cstdarg>
 #include <cstdint>
+#include <cstdlib>
 #include <cstdio>
 #include <string>
 
@@ -64,6 +65,18 @@ inline bool hex_name_is_valid(const std::string& hex)
 inline bool bin_name_is_valid(const std::string& bin)
 {
     return name_has_suffix(bin, ".bin");
+}
+
+// Where the loaders and the header generator place every relocation into the
+// on-chip local memory: its binding row names this base and keeps the rest
+// of the address as its shift.
+#define QORA_VLM_BASE 0x1D900000u
+
+// An address text's value, read as hexadecimal up to its first other
+// character ("40000000\n" is 0x40000000).
+inline uint32_t hex_address(const char* text)
+{
+    return (uint32_t)strtoul(text, nullptr, 16);
 }
 
 // Device addresses 0x1D800000 to 0x1DFFFFFF are the engine's on-chip local memory.

@@ -6,7 +6,7 @@
 
 #include <cstdlib>
 
-#include "qora_pattern_store.h"
+#include "qora_pattern_internal.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define QORA_LEAK_CHECKED 1
@@ -20,6 +20,35 @@
 #endif
 
 qoraPattern::qoraPattern() : m_thrd_num(1) {}
+
+qoraPattern::qoraPattern(std::vector<std::string>& pattern_list, std::vector<std::string>& golden_list,
+                         int thrd_num)
+    : m_thrd_num(thrd_num < 1 ? 1 : thrd_num)
+{
+    for (const std::string& entry : pattern_list) {
+        pattern* p = new pattern();
+        p->file_name = entry;
+        m_ptn_list.push_back(p);
+        // A reserved name ends construction: later patterns and the golden
+        // files are not loaded, the built-in golden stands in for them.
+        const internal_tables* builtin = internal_pattern(entry);
+        if (builtin != nullptr) {
+            build_internal_pattern(p, *builtin);
+            return;
+        }
+        p->use_internal_ptn = false;
+        p->buf = new buffer[MAX_DATA_NUM]();
+        load_pattern(p);
+    }
+    for (const std::string& entry : golden_list) {
+        golden* g = new golden();
+        g->file_name = entry;
+        g->use_internal_gdn = false;
+        g->idx = (uint32_t)m_gdn_list.size();
+        m_gdn_list.push_back(g);
+        load_golden(g);
+    }
+}
 
 // Region bytes are calloc blocks (see the golden loaders).
 void free_sub_golden(golden* g)

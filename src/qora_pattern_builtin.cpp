@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "qora_pattern.h"
-#include "qora_pattern_store.h"
+#include "qora_pattern_internal.h"
 
 #include "pattern/conv2d_uint8.h"
 #include "pattern/max_pwr4_pi_test.h"

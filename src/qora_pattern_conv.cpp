@@ -121,11 +121,6 @@ static void at_parser(char* str, const std::string& name, FILE* out)
     convert_sta = 1;
 }
 
-static uint32_t hex_of(const char* text)
-{
-    return (uint32_t)strtoul(text, nullptr, 16);
-}
-
 // The declared buffer a relocation to `addr` (value v) names: an exact
 // match of the name's tail, else the nearest one below. Returns its index
 // and sets the shift.
@@ -138,7 +133,7 @@ static int nearest_buffer(const char* addr, uint32_t v, uint32_t* shift)
         const char* name = data_name_list[i].c_str();
         size_t len = strlen(name);
         const char* tail = len > n ? name + len - n : name;
-        uint32_t u = hex_of(tail);
+        uint32_t u = hex_address(tail);
         if (u == 0)
             continue;
         if (strcmp(tail, addr) == 0) {
@@ -161,15 +156,15 @@ static int nearest_buffer(const char* addr, uint32_t v, uint32_t* shift)
 // are those the built-in pattern headers were generated with, and stay so.
 static void binding_row(const char* ofs, const char* addr, const std::string& name, FILE* out)
 {
-    uint32_t v = hex_of(addr);
-    uint32_t out_base = hex_of(output_addr);
+    uint32_t v = hex_address(addr);
+    uint32_t out_base = hex_address(output_addr);
     if (strncmp(addr, output_addr, strlen(addr)) == 0) {
         emit(out, "binding_parser", "    {%s, %s_%s, 0, 0x0}", ofs, name.c_str(), "Output");
         return;
     }
     if (is_vlm_address(v)) {
-        emit(out, "binding_parser", "    {%s, (unsigned char *)0x%x, 0x%x, 0x%x}", ofs, 0x1d900000, 0x1d900000,
-             v - 0x1d900000);
+        emit(out, "binding_parser", "    {%s, (unsigned char *)0x%x, 0x%x, 0x%x}", ofs, QORA_VLM_BASE, QORA_VLM_BASE,
+             v - QORA_VLM_BASE);
         return;
     }
     uint32_t shift = 0;

@@ -10,7 +10,7 @@
 #include "qora_pattern.h"
 #include "qora_pattern_hexline.h"
 #include "qora_pattern_reader.h"
-#include "qora_pattern_store.h"
+#include "qora_pattern_internal.h"
 #include "qora_utils.h"
 
 // Room for `len` bytes in whole 16 KiB blocks, always at least one byte more.
@@ -117,6 +117,40 @@ static void load_golden_run(line_reader* reader, sub_golden* region, uint32_t* o
     *offset += (uint32_t)(16 * done);
 }
 
+// One data line of a golden region, at `*offset`: its bytes and mask go in
+// place (a line past the region's end keeps only the bytes that fit).
+// Returns 0, or the source line of the refusal that ends the load.
+static int read_golden_data_line(const text_piece& line, sub_golden* region, uint32_t* offset)
+{
+    if (!text_shorter_than(line, QORA_LINE_BUF - 1)) { // the line filled the 120-byte buffer
+        puts("Warning : len >= 120");
+        return __LINE__;
+    }
+    uint32_t take = 16;
+    if (*offset + 16 > region->len) {
+        take = region->len - *offset;
+        if (take >= 16) {
+            printf("Warning : read golden size(0x%x) > output size(0x%x)\n", *offset + 16, region->len);
+            return __LINE__;
+        }
+        printf("Warning : read golden last line not 16 bytes align (0x%x)\n", take);
+    }
+    // A whole line decodes in place; a partial one keeps its last bytes.
+    uint8_t data[16];
+    uint8_t mask[16];
+    bool whole = take == 16;
+    uint8_t* to_data = whole ? region->data + *offset : data;
+    uint8_t* to_mask = whole ? region->mask + *offset : mask;
+    if (decode_golden_line(line.data, line.n, to_data, to_mask) < 16)
+        printf("%s():%d sscanf fail\n", "load_golden_hex", __LINE__);
+    if (!whole) {
+        memcpy(region->data + *offset, data, take);
+        memcpy(region->mask + *offset, mask, take);
+    }
+    *offset += take;
+    return 0;
+}
+
 int qoraPattern::load_golden_hex(golden* g)
 {
     if (g->idx >= m_out_list.size()) {
@@ -153,32 +187,9 @@ int qoraPattern::load_golden_hex(golden* g)
         }
         if (region == nullptr)
             continue;
-        if (!text_shorter_than(line, QORA_LINE_BUF - 1)) { // the line filled the 120-byte buffer
-            puts("Warning : len >= 120");
-            return fail_golden(fp, g, __LINE__);
-        }
-        uint32_t take = 16;
-        if (offset + 16 > region->len) {
-            take = region->len - offset;
-            if (take >= 16) {
-                printf("Warning : read golden size(0x%x) > output size(0x%x)\n", offset + 16, region->len);
-                return fail_golden(fp, g, __LINE__);
-            }
-            printf("Warning : read golden last line not 16 bytes align (0x%x)\n", take);
-        }
-        // A whole line decodes in place; a partial one keeps its last bytes.
-        uint8_t data[16];
-        uint8_t mask[16];
-        bool whole = take == 16;
-        uint8_t* to_data = whole ? region->data + offset : data;
-        uint8_t* to_mask = whole ? region->mask + offset : mask;
-        if (decode_golden_line(line.data, line.n, to_data, to_mask) < 16)
-            printf("%s():%d sscanf fail\n", "load_golden_hex", __LINE__);
-        if (!whole) {
-            memcpy(region->data + offset, data, take);
-            memcpy(region->mask + offset, mask, take);
-        }
-        offset += take;
+        int fail_line = read_golden_data_line(line, region, &offset);
+        if (fail_line != 0)
+            return fail_golden(fp, g, fail_line);
     }
     close_reporting(fp, "load_golden_hex", __LINE__);
     if (g->sub_gdn_list.size() >= 2)

@@ -51,8 +51,6 @@ static constexpr std::array<uint8_t, 256> make_table(F entry)
 static const uint8_t kCompared = 0x10;
 static const uint8_t kNotToken = 0x80;
 
-const std::array<uint8_t, 256> hex_nibble = make_table([](int c) { return nibble_of(c); });
-
 static constexpr std::array<uint8_t, 256> data_code =
     make_table([](int c) { return (uint8_t)(nibble_of(c) | (is_token_char(c) ? 0 : kNotToken)); });
 

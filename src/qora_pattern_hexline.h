@@ -18,10 +18,6 @@
 // were not read keep their contents. Well-formed lines take a fast path.
 int scan_hex_tokens(const char* line, char tok[16][3]);
 
-// Value of one hex digit; any other character reads as 15 (table form of
-// to_i_4bit for the hot paths).
-extern const std::array<uint8_t, 256> hex_nibble;
-
 // The 16 bytes of a pattern data line in memory order (the line's last token
 // is byte 0), from the `n` bytes at `line` (not terminated; a NUL byte ends
 // the text as it would end a C string). Tokens the line does not hold read

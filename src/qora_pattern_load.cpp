@@ -1,4 +1,4 @@
-// Pattern set from files, and the pattern text loader.
+// The pattern text loader.
 //
 // The loader keeps its comment state, binding table counter, last comment
 // and pending "Temporary" flag across files on purpose: a second pattern file
@@ -12,7 +12,7 @@
 #include "qora_pattern.h"
 #include "qora_pattern_hexline.h"
 #include "qora_pattern_reader.h"
-#include "qora_pattern_store.h"
+#include "qora_pattern_internal.h"
 #include "qora_utils.h"
 
 void* (*pattern_malloc)(size_t size) = malloc;
@@ -28,7 +28,6 @@ enum comment_state {
 enum block_state { BLOCK_NONE, BLOCK_OPENED, BLOCK_FILLING };
 
 static const uint32_t kBufferStart = 16384;
-static const uint32_t kVlmBase = 0x1D900000;
 static const uint32_t kNoDistance = 0x40000000;
 
 static char last_comment[QORA_LINE_BUF];
@@ -59,35 +58,6 @@ struct fill_target {
 bool compare_output_addr(output* a, output* b)
 {
     return strcasecmp(a->name, b->name) < 0;
-}
-
-qoraPattern::qoraPattern(std::vector<std::string>& pattern_list, std::vector<std::string>& golden_list,
-                         int thrd_num)
-    : m_thrd_num(thrd_num < 1 ? 1 : thrd_num)
-{
-    for (const std::string& entry : pattern_list) {
-        pattern* p = new pattern();
-        p->file_name = entry;
-        m_ptn_list.push_back(p);
-        // A reserved name ends construction: later patterns and the golden
-        // files are not loaded, the built-in golden stands in for them.
-        const internal_tables* builtin = internal_pattern(entry);
-        if (builtin != nullptr) {
-            build_internal_pattern(p, *builtin);
-            return;
-        }
-        p->use_internal_ptn = false;
-        p->buf = new buffer[MAX_DATA_NUM]();
-        load_pattern(p);
-    }
-    for (const std::string& entry : golden_list) {
-        golden* g = new golden();
-        g->file_name = entry;
-        g->use_internal_gdn = false;
-        g->idx = (uint32_t)m_gdn_list.size();
-        m_gdn_list.push_back(g);
-        load_golden(g);
-    }
 }
 
 int qoraPattern::load_pattern(pattern* p)
@@ -129,11 +99,6 @@ static void remember_comment(const char* str, int str_len)
     last_comment[str_len - 3] = '\0';
 }
 
-static uint32_t hex_value(const char* text)
-{
-    return (uint32_t)strtoul(text, nullptr, 16);
-}
-
 // Where a relocation to `addr` points. Rules in order: an output by name,
 // the on-chip local memory window, a data buffer by name, inside an output,
 // else the nearest data buffer below the address.
@@ -146,7 +111,7 @@ static uint32_t hex_value(const char* text)
 static void resolve_binding(binding* b, const char* addr, pattern* p, std::vector<output*>& out_list)
 {
     size_t n = strlen(addr);
-    uint32_t a = hex_value(addr);
+    uint32_t a = hex_address(addr);
     for (output* o : out_list) {
         if (strncmp(o->name, addr, n) == 0) {
             b->data = o->addr;
@@ -154,9 +119,9 @@ static void resolve_binding(binding* b, const char* addr, pattern* p, std::vecto
         }
     }
     if (is_vlm_address(a)) {
-        b->data = (uint8_t*)(uintptr_t)kVlmBase;
-        b->dev_va = kVlmBase;
-        b->shift = a - kVlmBase;
+        b->data = (uint8_t*)(uintptr_t)QORA_VLM_BASE;
+        b->dev_va = QORA_VLM_BASE;
+        b->shift = a - QORA_VLM_BASE;
         return;
     }
     uint32_t nearest = 0;
@@ -169,14 +134,14 @@ static void resolve_binding(binding* b, const char* addr, pattern* p, std::vecto
             b->shift = 0;
             return;
         }
-        uint32_t base = hex_value(text);
+        uint32_t base = hex_address(text);
         if (base < a && a - base < distance) {
             nearest = i;
             distance = a - base;
         }
     }
     for (output* o : out_list) {
-        uint32_t base = hex_value(o->name);
+        uint32_t base = hex_address(o->name);
         if (base < a && base + o->size > a) {
             b->data = o->addr;
             b->shift = a - base;

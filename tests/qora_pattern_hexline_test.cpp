@@ -158,12 +158,6 @@ TEST(HexLine, ReaderMatchesFgets)
     }
 }
 
-TEST(HexLine, NibbleTable)
-{
-    for (int c = 0; c < 256; c++)
-        EXPECT_EQ(hex_nibble[c], to_i_4bit((char)c)) << c;
-}
-
 TEST(HexLine, PieceCountMatchesFgets)
 {
     const std::string dir = make_tmp_dir("pieces");

@@ -7,7 +7,7 @@
 
 #include <map>
 
-#include "qora_pattern_store.h"
+#include "qora_pattern_internal.h"
 #include "test_util.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <sstream>
 
 #include "kvx_asm.h"
-#include "qora_pattern_store.h"
+#include "qora_pattern_internal.h"
 #include "qora_test.h"
 #include "test_util.h"
 

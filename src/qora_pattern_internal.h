@@ -4,8 +4,8 @@
 //
 // Contract: pattern_malloc and pattern_realloc are the only allocators of
 // pattern buffer blocks; replacing them makes any allocation fail at will.
-#ifndef QORA_PATTERN_STORE_H
-#define QORA_PATTERN_STORE_H
+#ifndef QORA_PATTERN_INTERNAL_H
+#define QORA_PATTERN_INTERNAL_H
 
 #include <cstddef>
 #include <string>
@@ -31,4 +31,4 @@ extern void* (*pattern_realloc)(void* ptr, size_t size);
 // starts, for fuzz targets that load many unrelated files in one process.
 void reset_pattern_load_state();
 
-#endif // QORA_PATTERN_STORE_H
+#endif // QORA_PATTERN_INTERNAL_H
