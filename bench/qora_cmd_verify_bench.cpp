@@ -7,7 +7,8 @@
 
 #include "qora_cmd.h"
 
-namespace {
+namespace
+{
 
 const uint32_t kBytes = 256u << 20;
 const uint32_t kWords = kBytes / 4;

@@ -14,7 +14,8 @@
 
 #include "qora_pattern.h"
 
-namespace {
+namespace
+{
 
 const uint32_t kPayload = 64u << 20;
 const std::string kDir = "/tmp/qora_conv_bench";

@@ -17,7 +17,8 @@
 #include "qora_pattern.h"
 #include "qora_test.h"
 
-namespace {
+namespace
+{
 
 const uint32_t kOutput = (1u << 30) - 1; // the largest output a pattern may declare
 
@@ -27,8 +28,10 @@ std::string bench_dir()
         std::string d = "/tmp/qora_golden_bench";
         (void)!system(("mkdir -p " + d).c_str());
         FILE* fp = fopen((d + "/pattern.hex").c_str(), "w");
-        fprintf(fp, "// Output\n// @40009000 {%u}\n// Data\n@40000000\n00000000_00000000_00000000_00000001\n\n"
-                    "// Code\n@0\n00000000_00000000_00000000_00000000\n\n", kOutput);
+        fprintf(fp,
+                "// Output\n// @40009000 {%u}\n// Data\n@40000000\n00000000_00000000_00000000_00000001\n\n"
+                "// Code\n@0\n00000000_00000000_00000000_00000000\n\n",
+                kOutput);
         fclose(fp);
         fp = fopen((d + "/golden.hex").c_str(), "w");
         fputs("@40009000\n00000000_00000000_00000000_00000000\n00000000_00000000_00000000_00000000\n", fp);
@@ -60,8 +63,8 @@ double peak_mib(const std::function<void()>& fn)
 // bytes past the 32 the file holds, as a loader that clears them would.
 void load_set(bool clear_unreached)
 {
-    std::vector<std::string> p{bench_dir() + "/pattern.hex"};
-    std::vector<std::string> g{bench_dir() + "/golden.hex"};
+    std::vector<std::string> p {bench_dir() + "/pattern.hex"};
+    std::vector<std::string> g {bench_dir() + "/golden.hex"};
     qoraPattern set(p, g, 1);
     uint32_t len = set.get_pattern_golden_size(0);
     if (clear_unreached && len > 32) {
@@ -75,8 +78,8 @@ void play()
 {
     std::string pattern = bench_dir() + "/pattern.hex";
     std::string golden = bench_dir() + "/golden.hex";
-    char* argv[] = {(char*)"qora_player", (char*)"-f", (char*)pattern.c_str(), (char*)"-g", (char*)golden.c_str(),
-                    nullptr};
+    char* argv[] = {(char*)"qora_player", (char*)"-f",           (char*)pattern.c_str(),
+                    (char*)"-g",          (char*)golden.c_str(), nullptr};
     benchmark::DoNotOptimize(execute_pattern(5, argv));
 }
 

@@ -30,7 +30,8 @@
 #include "qora_pattern.h"
 #include "qora_utils.h"
 
-namespace {
+namespace
+{
 
 const uint32_t kPayload = 64u << 20;
 
@@ -80,7 +81,7 @@ bool made_before(const std::string& suffix, uint32_t payload)
 {
     struct stat st;
     return stat((bench_dir() + "/golden" + suffix + ".hex").c_str(), &st) == 0 &&
-           (uint64_t)st.st_size == payload / 16 * 36 + 10;
+        (uint64_t)st.st_size == payload / 16 * 36 + 10;
 }
 
 void make_files()
@@ -121,7 +122,7 @@ double peak_mib(const std::function<void()>& fn)
 
 void load_pattern_set(const std::string& pattern, const std::string& golden)
 {
-    std::vector<std::string> p{bench_dir() + "/" + pattern};
+    std::vector<std::string> p {bench_dir() + "/" + pattern};
     std::vector<std::string> g;
     if (!golden.empty())
         g.push_back(bench_dir() + "/" + golden);
@@ -142,8 +143,8 @@ uint8_t* baseline_load(const std::string& file, uint32_t* size, uint8_t** mask)
     while (fgets(line, sizeof(line), fp)) {
         if (line[0] == '/' || line[0] == '@' || strlen(line) < 2)
             continue;
-        sscanf(line, "%2s%2s%2s%2s_%2s%2s%2s%2s_%2s%2s%2s%2s_%2s%2s%2s%2s", t[0], t[1], t[2], t[3], t[4], t[5],
-               t[6], t[7], t[8], t[9], t[10], t[11], t[12], t[13], t[14], t[15]);
+        sscanf(line, "%2s%2s%2s%2s_%2s%2s%2s%2s_%2s%2s%2s%2s_%2s%2s%2s%2s", t[0], t[1], t[2], t[3], t[4], t[5], t[6],
+               t[7], t[8], t[9], t[10], t[11], t[12], t[13], t[14], t[15]);
         if (n + 16 > cap) {
             cap *= 2;
             data = (uint8_t*)realloc(data, cap);
@@ -360,7 +361,7 @@ void BM_BaselineGoldenHex(benchmark::State& state)
 }
 
 // Medians of single loads, so one disturbed load does not move the figure.
-#define LOAD_BENCHMARK(fn, reps) \
+#define LOAD_BENCHMARK(fn, reps)                                                                                       \
     BENCHMARK(fn)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(reps)->ReportAggregatesOnly(true)
 LOAD_BENCHMARK(BM_ReadPattern, 7);
 LOAD_BENCHMARK(BM_FloorPattern, 7);
@@ -375,9 +376,10 @@ LOAD_BENCHMARK(BM_BaselineGoldenHex, 3);
 // the ratios printed at the end. The ratios use CPU time (the process's,
 // system time included): on a shared machine it moves far less than
 // elapsed time does.
-class ratio_reporter : public benchmark::ConsoleReporter {
+class ratio_reporter : public benchmark::ConsoleReporter
+{
 public:
-    ratio_reporter() : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_ColorTabular : OO_Tabular) {}
+    ratio_reporter() : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_ColorTabular : OO_Tabular) { }
 
     void ReportRuns(const std::vector<Run>& reports) override
     {
@@ -435,7 +437,7 @@ int count_instructions(const char* self)
         stat(file.c_str(), &st);
         std::string cmd = "valgrind --tool=callgrind --callgrind-out-file=/dev/null "
                           "--toggle-collect='qoraPattern::qoraPattern*' " +
-                          std::string(self) + " --load-once " + kind + " 2>&1";
+            std::string(self) + " --load-once " + kind + " 2>&1";
         FILE* run = popen(cmd.c_str(), "r");
         char line[256];
         unsigned long long collected = 0;
@@ -448,8 +450,8 @@ int count_instructions(const char* self)
             fprintf(stderr, "valgrind --tool=callgrind did not run: %s\n", cmd.c_str());
             return 1;
         }
-        printf("%s load of a 16 MiB payload: %llu instructions for %lld bytes of text, %.2f per byte\n",
-               kind.c_str(), collected, (long long)st.st_size, (double)collected / (double)st.st_size);
+        printf("%s load of a 16 MiB payload: %llu instructions for %lld bytes of text, %.2f per byte\n", kind.c_str(),
+               collected, (long long)st.st_size, (double)collected / (double)st.st_size);
     }
     return 0;
 }

@@ -46,11 +46,12 @@
 
 #include "fuzz_util.h"
 #include "qora_pattern.h"
-#include "qora_pattern_reader.h"
 #include "qora_pattern_internal.h"
+#include "qora_pattern_reader.h"
 #include "qora_player.h"
 
-namespace {
+namespace
+{
 
 const size_t kSettings = 6;
 const size_t kMaxGoldens = 4;
@@ -164,7 +165,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     std::vector<std::string> parts = split_parts(std::string((const char*)data + kSettings, size - kSettings));
     if (!load_is_cheap(parts, (s[0] & 1) != 0))
         return 0;
-    std::vector<std::string> patterns{write_input("p.hex", (const uint8_t*)parts[0].data(), parts[0].size())};
+    std::vector<std::string> patterns {write_input("p.hex", (const uint8_t*)parts[0].data(), parts[0].size())};
     std::vector<std::string> goldens;
     for (size_t g = 1; g < parts.size(); g++) {
         std::string name = "g" + std::to_string(g - 1) + ((s[0] & 1) != 0 ? ".bin" : ".hex");
@@ -181,8 +182,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return 0;
 
     reset_pattern_load_state();
-    QORAPlayer* player = new QORAPlayer(s[2] & 15, kLoops, (s[0] >> 4) & 7, 0, 0, kBoosts[s[3] & 7], 0, 0, true,
-                                        (s[0] & 8) != 0);
+    QORAPlayer* player =
+        new QORAPlayer(s[2] & 15, kLoops, (s[0] >> 4) & 7, 0, 0, kBoosts[s[3] & 7], 0, 0, true, (s[0] & 8) != 0);
     qoraPattern* set = nullptr;
     try {
         set = new qoraPattern(patterns, goldens, 1);

@@ -8,7 +8,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    std::vector<std::string> patterns{write_input("p.hex", data, size)};
+    std::vector<std::string> patterns {write_input("p.hex", data, size)};
     std::vector<std::string> goldens;
     std::vector<uint8_t*> code_bytes;
     try {

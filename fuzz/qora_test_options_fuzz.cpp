@@ -10,7 +10,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     fuzz_dir();
-    std::vector<std::string> args{"qora_player"};
+    std::vector<std::string> args {"qora_player"};
     std::string current;
     for (size_t i = 0; i < size; i++) {
         if (data[i] == '\0') {

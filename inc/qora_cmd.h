@@ -37,7 +37,7 @@ struct binding {
 
 #define QORA_PLAY_MARKER 0x59414C50u // "PLAY" in memory order
 #define QORA_PMU_MAX_EVENT 14
-#define QORA_CMD_BUF_ALIGN 256 // alignment of the command buffers the player allocates
+#define QORA_CMD_BUF_ALIGN 256  // alignment of the command buffers the player allocates
 #define QORA_VLM_SIZE 0x100000u // on-chip memory a sub-command may use
 
 struct __attribute__((packed)) qora_cmd_info {
@@ -133,10 +133,11 @@ extern korvex_cmd_t* korvex_cmd;
 uint32_t next_mismatch(const uint32_t* out, const uint32_t* golden, const uint32_t* mask, uint32_t from,
                        uint32_t words);
 
-class qoraCmd {
+class qoraCmd
+{
 public:
-    qoraCmd(int id, int debug_lv, int prio_lv, qoraPattern* ptn, std::vector<uint16_t>& pmu_evt,
-            int pmu_flusher_mode, bool vlm_disable);
+    qoraCmd(int id, int debug_lv, int prio_lv, qoraPattern* ptn, std::vector<uint16_t>& pmu_evt, int pmu_flusher_mode,
+            bool vlm_disable);
     ~qoraCmd();
 
     int AllocDataMem();

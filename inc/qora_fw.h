@@ -8,7 +8,8 @@
 
 #include <string>
 
-class qoraFirmware {
+class qoraFirmware
+{
 public:
     int convert_fw_elf_to_hdr(const std::string& file);
 };

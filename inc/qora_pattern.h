@@ -75,7 +75,7 @@ struct internal_tables {
     uint32_t code_size;
     struct binding* binding;
     int32_t binding_num;
-    buffer* data;     // the data table's row 1 (row 0 is the code)
+    buffer* data;      // the data table's row 1 (row 0 is the code)
     uint32_t data_num; // rows in use, the code row included
     uint8_t* output;
     uint32_t output_size;
@@ -84,11 +84,11 @@ struct internal_tables {
     uint32_t golden_len;
 };
 
-class qoraPattern {
+class qoraPattern
+{
 public:
     qoraPattern();
-    qoraPattern(std::vector<std::string>& pattern_list, std::vector<std::string>& golden_list,
-                int thrd_num);
+    qoraPattern(std::vector<std::string>& pattern_list, std::vector<std::string>& golden_list, int thrd_num);
     ~qoraPattern();
 
     char* get_pattern_name();

@@ -12,14 +12,14 @@
 class qoraCmd;
 class qoraPattern;
 
-class QORAPlayer {
+class QORAPlayer
+{
 public:
-    QORAPlayer(int id, int loop, int debug_lv, int sleep_us, int delay_off, int boost_value,
-               int soft_limit, int hard_limit, bool dump, bool perf_mode);
+    QORAPlayer(int id, int loop, int debug_lv, int sleep_us, int delay_off, int boost_value, int soft_limit,
+               int hard_limit, bool dump, bool perf_mode);
     ~QORAPlayer();
 
-    bool BuildCmd(qoraPattern* ptn, int prio_lv, std::vector<uint16_t>& pmu_evt, int flusher_mode,
-                  bool vlm_disable);
+    bool BuildCmd(qoraPattern* ptn, int prio_lv, std::vector<uint16_t>& pmu_evt, int flusher_mode, bool vlm_disable);
     bool Execute();
 
 private:

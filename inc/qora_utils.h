@@ -11,8 +11,8 @@
 
 #include <cstdarg>
 #include <cstdint>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 enum QORA_DEBUG_MASK {
@@ -25,17 +25,16 @@ enum QORA_DEBUG_MASK {
 // users and scripts read them ("[W:RunCmd:...]"). Code split out of an
 // operation keeps printing as that operation (QORA_LOG_AS), and the few
 // messages whose line number is fixed give it literally (QORA_LOG_AT).
-#define QORA_LOG_AT(lv, func, line, fmt, ...) \
-    printf("[" lv ":%s:%d] " fmt, func, line, ##__VA_ARGS__)
+#define QORA_LOG_AT(lv, func, line, fmt, ...) printf("[" lv ":%s:%d] " fmt, func, line, ##__VA_ARGS__)
 #define QORA_LOG_AS(lv, func, fmt, ...) QORA_LOG_AT(lv, func, __LINE__, fmt, ##__VA_ARGS__)
 
 #define QORA_LOGI(fmt, ...) QORA_LOG_AT("I", __func__, __LINE__, fmt, ##__VA_ARGS__)
 #define QORA_LOGW(fmt, ...) QORA_LOG_AT("W", __func__, __LINE__, fmt, ##__VA_ARGS__)
 #define QORA_LOGE(fmt, ...) QORA_LOG_AT("E", __func__, __LINE__, fmt, ##__VA_ARGS__)
-#define QORA_LOGD(debug_lv, bit, fmt, ...)                                    \
-    do {                                                                      \
-        if ((debug_lv) & (bit))                                               \
-            QORA_LOG_AT("D", __func__, __LINE__, fmt, ##__VA_ARGS__);         \
+#define QORA_LOGD(debug_lv, bit, fmt, ...)                                                                             \
+    do {                                                                                                               \
+        if ((debug_lv) & (bit))                                                                                        \
+            QORA_LOG_AT("D", __func__, __LINE__, fmt, ##__VA_ARGS__);                                                  \
     } while (0)
 
 // One hexadecimal digit to its value; any other character reads as 15.

@@ -77,11 +77,10 @@ korvex_session_t* korvexSession_createInstance(void);
 int korvexSession_deleteInstance(korvex_session_t* session);
 uint64_t korvexSession_queryDeviceNum(korvex_session_t* session, korvex_device_type type);
 
-void* korvexSession_memAlloc(korvex_session_t* session, unsigned int size, unsigned int align,
-                             korvex_mem_type type, uint64_t flags);
+void* korvexSession_memAlloc(korvex_session_t* session, unsigned int size, unsigned int align, korvex_mem_type type,
+                             uint64_t flags);
 int korvexSession_memFree(korvex_session_t* session, void* host_ptr);
-uint64_t korvexSession_memGetInfoFromHostPtr(korvex_session_t* session, void* host_ptr,
-                                             korvex_mem_info info);
+uint64_t korvexSession_memGetInfoFromHostPtr(korvex_session_t* session, void* host_ptr, korvex_mem_info info);
 int korvexSession_memFlush(korvex_session_t* session, void* host_ptr);
 int korvexSession_memInvalidate(korvex_session_t* session, void* host_ptr);
 

@@ -36,8 +36,8 @@ void qoraCmd::RelocateCode(uint32_t index, uint32_t* code, uint32_t code_size, b
             b->dev_va = m_vlm_addr;
         uint32_t word = b->ofs & 0xFFFFFFFCu;
         if ((uint64_t)word + 4 > code_size) {
-            QORA_LOG_AS("W", "PrepareSubCmdBuf", "codebuf %u: binding ofs 0x%x outside code size 0x%x\n",
-                        index, b->ofs, code_size);
+            QORA_LOG_AS("W", "PrepareSubCmdBuf", "codebuf %u: binding ofs 0x%x outside code size 0x%x\n", index, b->ofs,
+                        code_size);
             continue;
         }
         uint32_t target = b->dev_va + b->shift;

@@ -27,7 +27,8 @@ void qoraCmd::PreparePMUEvents(qora_cmd* cmd)
         m_pmu_evt.clear();
         return;
     }
-    cmd->pmu_res = (qora_pmu_info_out*)korvexSession_cmdBufAlloc(m_session, sizeof(qora_pmu_info_out), QORA_CMD_BUF_ALIGN);
+    cmd->pmu_res =
+        (qora_pmu_info_out*)korvexSession_cmdBufAlloc(m_session, sizeof(qora_pmu_info_out), QORA_CMD_BUF_ALIGN);
     uint32_t result_size = ResultBufSize();
     cmd->pmu->result_buf_size = result_size;
     cmd->pmu->pmu_mode = m_flusher_en != 0 ? 1 : 0;
@@ -77,16 +78,13 @@ void qoraCmd::ShowFlows(qora_cmd* cmd, uint32_t shown, uint32_t freq)
         flow_record r = flow_at(cmd->pmu_buf, i, burst2);
         if (r.end_tstamp == 0)
             break;
-        QORA_LOG_AS("I", "ShowPMUEventCount",
-                    "---- flow id = %04d (cmd_log = 0x%08x), time = %d us ----\n", i, r.cmd_log,
-                    divisor == 0 ? 0 : (int)((r.end_tstamp - previous) / divisor));
+        QORA_LOG_AS("I", "ShowPMUEventCount", "---- flow id = %04d (cmd_log = 0x%08x), time = %d us ----\n", i,
+                    r.cmd_log, divisor == 0 ? 0 : (int)((r.end_tstamp - previous) / divisor));
         for (uint32_t k = 0; k < shown; k++)
-            QORA_LOG_AS("I", "ShowPMUEventCount", "evt:0x%04x, cnt: %u\n", cmd->pmu->event[k],
-                        r.counters[k]);
+            QORA_LOG_AS("I", "ShowPMUEventCount", "evt:0x%04x, cnt: %u\n", cmd->pmu->event[k], r.counters[k]);
         previous = r.end_tstamp;
     }
-    QORA_LOG_AS("I", "ShowPMUEventCount", "---- ip time = %d us ----\n",
-                divisor == 0 ? 0 : (int)(previous / divisor));
+    QORA_LOG_AS("I", "ShowPMUEventCount", "---- ip time = %d us ----\n", divisor == 0 ? 0 : (int)(previous / divisor));
 }
 
 void qoraCmd::ShowPMUEventCount(qora_cmd* cmd)

@@ -63,7 +63,8 @@ int qoraCmd::AddSubCmdBuf(uint32_t index, int boost, std::vector<korvex_subcmd*>
 
 void qoraCmd::SetCmdParams(int delay_off, int softlimit, int hardlimit, bool perf_mode)
 {
-    if (delay_off != 0 && korvexCmd_setParam(korvex_cmd, CMD_PARAM_DELAY_POWER_OFF_MS, (uint64_t)(int64_t)delay_off) != 0)
+    if (delay_off != 0 &&
+        korvexCmd_setParam(korvex_cmd, CMD_PARAM_DELAY_POWER_OFF_MS, (uint64_t)(int64_t)delay_off) != 0)
         QORA_LOG_AS("W", "RunCmd", "setParam delay power off: Fail\n");
     if (softlimit != 0 && korvexCmd_setParam(korvex_cmd, CMD_PARAM_SOFTLIMIT, (uint64_t)(int64_t)softlimit) != 0)
         QORA_LOG_AS("W", "RunCmd", "setParam soft limit: Fail\n");
@@ -92,11 +93,10 @@ void qoraCmd::ReportSubCmd(qora_cmd* cmd, korvex_subcmd* sub)
 {
     qora_cmd_result* res = cmd->res;
     if (res->code_out_flow_id != 0)
-        QORA_LOG_AS("W", "RunCmd", "res: core%d, last finished flow id = %d (abort/halt?)\n",
-                    res->code_out_core_id, res->code_out_flow_id);
+        QORA_LOG_AS("W", "RunCmd", "res: core%d, last finished flow id = %d (abort/halt?)\n", res->code_out_core_id,
+                    res->code_out_flow_id);
     if (res->hw_error_msg != 0)
-        QORA_LOG_AS("E", "RunCmd", "res: core%d, irq hint = 0x%x\n", res->code_out_core_id,
-                    res->hw_error_msg);
+        QORA_LOG_AS("E", "RunCmd", "res: core%d, irq hint = 0x%x\n", res->code_out_core_id, res->hw_error_msg);
     if (m_debug_lv & QORA_DEBUG_PERF) {
         qora_player_info* pl = cmd->player;
         QORA_LOG_AS("D", "RunCmd", "execute   = %d[us]\n", pl->out_execute_us);
@@ -108,8 +108,7 @@ void qoraCmd::ReportSubCmd(qora_cmd* cmd, korvex_subcmd* sub)
                     (uint32_t)korvexSubCmd_getRunInfo(sub, SC_RUNINFO_BANDWIDTH));
         QORA_LOG_AS("D", "RunCmd", "execTime  = %u[us]\n",
                     (uint32_t)korvexSubCmd_getRunInfo(sub, SC_RUNINFO_DRIVERTIME));
-        QORA_LOG_AS("D", "RunCmd", "ipTime    = %u[us]\n",
-                    (uint32_t)korvexSubCmd_getRunInfo(sub, SC_RUNINFO_IPTIME));
+        QORA_LOG_AS("D", "RunCmd", "ipTime    = %u[us]\n", (uint32_t)korvexSubCmd_getRunInfo(sub, SC_RUNINFO_IPTIME));
     }
     if (PmuEnabled())
         ShowPMUEventCount(cmd);

@@ -31,8 +31,7 @@ static inline bool word_differs(const uint32_t* out, const uint32_t* golden, con
 
 // Whole blocks are compared first; words are looked at one by one only in a
 // block that differs.
-uint32_t next_mismatch(const uint32_t* out, const uint32_t* golden, const uint32_t* mask, uint32_t from,
-                       uint32_t words)
+uint32_t next_mismatch(const uint32_t* out, const uint32_t* golden, const uint32_t* mask, uint32_t from, uint32_t words)
 {
     uint32_t i = from;
     while (i < words) {

@@ -212,12 +212,12 @@ int qoraFirmware::convert_fw_elf_to_hdr(const std::string& file)
         close_reporting(in, "convert_fw_elf_to_hdr", __LINE__);
         return -1;
     }
-    fw_job job{in, out, nullptr, eh.e_shnum};
+    fw_job job {in, out, nullptr, eh.e_shnum};
     if (eh.e_shentsize != sizeof(Elf32_Shdr) || eh.e_shnum >= 31) {
         printf("shentsize(%d) or shnum(%d) value is abnormal\n", eh.e_shentsize, eh.e_shnum);
         return job.fail();
     }
-    Elf32_Shdr names{};
+    Elf32_Shdr names {};
     if (!read_section_headers(job, eh, &names) || !seek_to(in, names.sh_offset, 174))
         return job.fail();
     int boot = find_boot_section(in, names.sh_size);

@@ -19,10 +19,9 @@
 #include <sanitizer/lsan_interface.h>
 #endif
 
-qoraPattern::qoraPattern() : m_thrd_num(1) {}
+qoraPattern::qoraPattern() : m_thrd_num(1) { }
 
-qoraPattern::qoraPattern(std::vector<std::string>& pattern_list, std::vector<std::string>& golden_list,
-                         int thrd_num)
+qoraPattern::qoraPattern(std::vector<std::string>& pattern_list, std::vector<std::string>& golden_list, int thrd_num)
     : m_thrd_num(thrd_num < 1 ? 1 : thrd_num)
 {
     for (const std::string& entry : pattern_list) {

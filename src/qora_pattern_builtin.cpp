@@ -14,15 +14,32 @@ static_assert(sizeof(conv2d_uint8_data[0]) == sizeof(buffer), "data rows");
 
 // The code and output sizes are fixed here, not read from the tables.
 static const internal_tables kTest = {
-    "conv2d_uint8", conv2d_uint8_Command, 320, (binding*)conv2d_uint8_binding,
-    (int32_t)conv2d_uint8_binding_num, (buffer*)&conv2d_uint8_data[1], conv2d_uint8_data_num,
-    conv2d_uint8_Output, 51200, conv2d_uint8_golden, conv2d_uint8_golden_mask, conv2d_uint8_golden_len,
+    "conv2d_uint8",
+    conv2d_uint8_Command,
+    320,
+    (binding*)conv2d_uint8_binding,
+    (int32_t)conv2d_uint8_binding_num,
+    (buffer*)&conv2d_uint8_data[1],
+    conv2d_uint8_data_num,
+    conv2d_uint8_Output,
+    51200,
+    conv2d_uint8_golden,
+    conv2d_uint8_golden_mask,
+    conv2d_uint8_golden_len,
 };
 
 static const internal_tables kMaxPower = {
-    "max_pwr4_pi", max_pwr4_pi_test_Command, 672, (binding*)max_pwr4_pi_test_binding,
-    (int32_t)max_pwr4_pi_test_binding_num, (buffer*)&max_pwr4_pi_test_data[1], max_pwr4_pi_test_data_num,
-    max_pwr4_pi_test_Output, 0x48000, max_pwr4_pi_test_golden, max_pwr4_pi_test_golden_mask,
+    "max_pwr4_pi",
+    max_pwr4_pi_test_Command,
+    672,
+    (binding*)max_pwr4_pi_test_binding,
+    (int32_t)max_pwr4_pi_test_binding_num,
+    (buffer*)&max_pwr4_pi_test_data[1],
+    max_pwr4_pi_test_data_num,
+    max_pwr4_pi_test_Output,
+    0x48000,
+    max_pwr4_pi_test_golden,
+    max_pwr4_pi_test_golden_mask,
     max_pwr4_pi_test_golden_len,
 };
 

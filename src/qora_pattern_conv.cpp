@@ -14,7 +14,7 @@
 #include "qora_pattern_reader.h"
 #include "qora_utils.h"
 
-static int convert_sta;          // 0 no array open, 1 declared but empty, 2 has data
+static int convert_sta; // 0 no array open, 1 declared but empty, 2 has data
 static char last_name[QORA_LINE_BUF];
 static char output_addr[16];
 static int output_sz;
@@ -254,8 +254,8 @@ static void write_tables(const std::string& name, FILE* out)
     emit(out, func, "unsigned int %s_data_num = %d;\n", name.c_str(), max_data_num);
 }
 
-bool open_conversion(const std::string& input, const std::string& header, const char* mode, const char* func,
-                     FILE** in, FILE** out)
+bool open_conversion(const std::string& input, const std::string& header, const char* mode, const char* func, FILE** in,
+                     FILE** out)
 {
     *in = fopen(input.c_str(), "r");
     if (*in == nullptr) {

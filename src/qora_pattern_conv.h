@@ -27,7 +27,7 @@ size_t format_items(char tok[16][3], char (*map)(char), char* out);
 // Opens `input` for reading and `header` with `mode`. On failure prints
 // "open file(%s) error" for the file that failed, closes the input when the
 // header failed (reported as `func`) and returns false.
-bool open_conversion(const std::string& input, const std::string& header, const char* mode, const char* func,
-                     FILE** in, FILE** out);
+bool open_conversion(const std::string& input, const std::string& header, const char* mode, const char* func, FILE** in,
+                     FILE** out);
 
 #endif // QORA_PATTERN_CONV_H

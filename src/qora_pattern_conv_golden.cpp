@@ -114,8 +114,8 @@ int qoraPattern::convert_golden_hdr(const std::string& golden, const std::string
         return -1;
     }
     FILE *in, *out;
-    if (!open_conversion(golden, header, "a+", text ? "convert_golden_hex_to_hdr" : "convert_golden_bin_to_hdr",
-                         &in, &out))
+    if (!open_conversion(golden, header, "a+", text ? "convert_golden_hex_to_hdr" : "convert_golden_bin_to_hdr", &in,
+                         &out))
         return -1;
     std::string name = header_base_name(header);
     return text ? convert_golden_hex_to_hdr(in, out, golden, name) : convert_golden_bin_to_hdr(in, out, name);

@@ -9,8 +9,8 @@
 
 #include "qora_pattern.h"
 #include "qora_pattern_hexline.h"
-#include "qora_pattern_reader.h"
 #include "qora_pattern_internal.h"
+#include "qora_pattern_reader.h"
 #include "qora_utils.h"
 
 // Room for `len` bytes in whole 16 KiB blocks, always at least one byte more.

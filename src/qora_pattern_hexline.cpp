@@ -25,10 +25,10 @@
 
 static constexpr uint8_t nibble_of(int c)
 {
-    return c >= '0' && c <= '9'   ? (uint8_t)(c - '0')
-           : c >= 'a' && c <= 'f' ? (uint8_t)(c - 'a' + 10)
-           : c >= 'A' && c <= 'F' ? (uint8_t)(c - 'A' + 10)
-                                  : 15;
+    return c >= '0' && c <= '9' ? (uint8_t)(c - '0')
+        : c >= 'a' && c <= 'f'  ? (uint8_t)(c - 'a' + 10)
+        : c >= 'A' && c <= 'F'  ? (uint8_t)(c - 'A' + 10)
+                                : 15;
 }
 
 // A character that %s takes into a token: not NUL and not C-locale white space.
@@ -37,10 +37,9 @@ static constexpr bool is_token_char(int c)
     return c != '\0' && c != ' ' && (c < '\t' || c > '\r');
 }
 
-template <typename F>
-static constexpr std::array<uint8_t, 256> make_table(F entry)
+template <typename F> static constexpr std::array<uint8_t, 256> make_table(F entry)
 {
-    std::array<uint8_t, 256> table{};
+    std::array<uint8_t, 256> table {};
     for (int c = 0; c < 256; c++)
         table[c] = entry(c);
     return table;
@@ -62,7 +61,6 @@ static constexpr std::array<uint8_t, 256> golden_code = make_table([](int c) {
 // Where each token of a plain line starts: two characters a token, one '_'
 // after every fourth.
 static constexpr uint8_t kTokenStart[16] = {0, 2, 4, 6, 9, 11, 13, 15, 18, 20, 22, 24, 27, 29, 31, 33};
-
 
 static inline bool separators_in_place(const char* line)
 {
@@ -89,8 +87,8 @@ static bool is_plain_hex_line(const char* line)
 int scan_hex_tokens(const char* line, char tok[16][3])
 {
     if (!is_plain_hex_line(line)) {
-        return sscanf(line, HEX_LINE_FORMAT, tok[0], tok[1], tok[2], tok[3], tok[4], tok[5], tok[6],
-                      tok[7], tok[8], tok[9], tok[10], tok[11], tok[12], tok[13], tok[14], tok[15]);
+        return sscanf(line, HEX_LINE_FORMAT, tok[0], tok[1], tok[2], tok[3], tok[4], tok[5], tok[6], tok[7], tok[8],
+                      tok[9], tok[10], tok[11], tok[12], tok[13], tok[14], tok[15]);
     }
     for (int t = 0; t < 16; t++) {
         const unsigned char* src = (const unsigned char*)line + kTokenStart[t];
@@ -126,8 +124,7 @@ static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "word-wise decoding ass
 
 #if defined(__SSE2__)
 
-template <bool kGolden>
-static inline bool sse2_nibbles(__m128i chars, __m128i* value, __m128i* keep)
+template <bool kGolden> static inline bool sse2_nibbles(__m128i chars, __m128i* value, __m128i* keep)
 {
     __m128i digit = _mm_sub_epi8(chars, _mm_set1_epi8('0'));
     __m128i is_digit = _mm_cmpeq_epi8(_mm_min_epu8(digit, _mm_set1_epi8(9)), digit);
@@ -150,8 +147,7 @@ static inline bool sse2_nibbles(__m128i chars, __m128i* value, __m128i* keep)
 // high nibble.
 static inline __m128i pair_bytes(__m128i nibbles)
 {
-    return _mm_or_si128(_mm_slli_epi16(_mm_and_si128(nibbles, _mm_set1_epi16(0x0F)), 4),
-                        _mm_srli_epi16(nibbles, 8));
+    return _mm_or_si128(_mm_slli_epi16(_mm_and_si128(nibbles, _mm_set1_epi16(0x0F)), 4), _mm_srli_epi16(nibbles, 8));
 }
 
 static inline __m128i two_groups(const char* first, const char* second)
@@ -171,8 +167,7 @@ static inline void sse2_store_reversed(__m128i front, __m128i back, uint8_t* out
 
 // A line of 32 digits in four groups joined by '_' (its first 35 bytes are
 // readable): its bytes and, for goldens, mask bytes; false for any other line.
-template <bool kGolden>
-static inline bool sse2_line(const char* line, uint8_t* data, uint8_t* mask)
+template <bool kGolden> static inline bool sse2_line(const char* line, uint8_t* data, uint8_t* mask)
 {
     __m128i front, back, front_keep, back_keep;
     if (!separators_in_place(line) || !sse2_nibbles<kGolden>(two_groups(line, line + 9), &front, &front_keep) ||
@@ -184,8 +179,7 @@ static inline bool sse2_line(const char* line, uint8_t* data, uint8_t* mask)
     return true;
 }
 
-template <bool kGolden>
-static size_t sse2_run(const char* text, size_t lines, uint8_t* data, uint8_t* mask)
+template <bool kGolden> static size_t sse2_run(const char* text, size_t lines, uint8_t* data, uint8_t* mask)
 {
     size_t i = 0;
     for (; i < lines; i++, text += 36) {
@@ -205,19 +199,25 @@ struct avx2_consts {
 
 __attribute__((target("avx2"))) static inline avx2_consts avx2_make_consts()
 {
-    avx2_consts k{_mm256_set1_epi8('0'),     _mm256_set1_epi8(9),    _mm256_set1_epi8(0x20),
-                  _mm256_set1_epi8('a'),     _mm256_set1_epi8(5),    _mm256_set1_epi8(0x0F),
-                  _mm256_set1_epi8('x'),     _mm256_set1_epi16(0x0110),
-                  _mm_set_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15)};
-    asm("" : "+x"(k.zero), "+x"(k.nine), "+x"(k.lower), "+x"(k.a), "+x"(k.five), "+x"(k.low4), "+x"(k.x),
-        "+x"(k.weights), "+x"(k.reverse));
+    avx2_consts k {_mm256_set1_epi8('0'),
+                   _mm256_set1_epi8(9),
+                   _mm256_set1_epi8(0x20),
+                   _mm256_set1_epi8('a'),
+                   _mm256_set1_epi8(5),
+                   _mm256_set1_epi8(0x0F),
+                   _mm256_set1_epi8('x'),
+                   _mm256_set1_epi16(0x0110),
+                   _mm_set_epi8(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15)};
+    asm(""
+        : "+x"(k.zero), "+x"(k.nine), "+x"(k.lower), "+x"(k.a), "+x"(k.five), "+x"(k.low4), "+x"(k.x), "+x"(k.weights),
+          "+x"(k.reverse));
     return k;
 }
 
 // Pair byte = high * 16 + low; the packed halves sit in the low quarter of
 // each lane; then the sixteen bytes are reversed.
 __attribute__((target("avx2"))) static inline void avx2_store_reversed(__m256i nibbles, const avx2_consts& k,
-                                                                      uint8_t* out)
+                                                                       uint8_t* out)
 {
     __m256i pairs = _mm256_maddubs_epi16(nibbles, k.weights);
     __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi16(pairs, pairs), 0x08);
@@ -230,8 +230,8 @@ __attribute__((target("avx2"))) static inline bool avx2_line(const char* line, c
 {
     if (!separators_in_place(line))
         return false;
-    __m256i chars =
-        _mm256_inserti128_si256(_mm256_castsi128_si256(two_groups(line, line + 9)), two_groups(line + 18, line + 27), 1);
+    __m256i chars = _mm256_inserti128_si256(_mm256_castsi128_si256(two_groups(line, line + 9)),
+                                            two_groups(line + 18, line + 27), 1);
     __m256i digit = _mm256_sub_epi8(chars, k.zero);
     __m256i is_digit = _mm256_cmpeq_epi8(_mm256_min_epu8(digit, k.nine), digit);
     __m256i alpha = _mm256_sub_epi8(_mm256_or_si256(chars, k.lower), k.a);
@@ -271,8 +271,7 @@ __attribute__((target("avx2"))) static size_t avx2_run(const char* text, size_t 
 
 // The nibbles of sixteen characters; `valid` is all ones in the lanes that
 // hold a digit.
-template <bool kGolden>
-static inline uint8x16_t neon_nibbles(uint8x16_t chars, uint8x16_t* valid, uint8x16_t* keep)
+template <bool kGolden> static inline uint8x16_t neon_nibbles(uint8x16_t chars, uint8x16_t* valid, uint8x16_t* keep)
 {
     uint8x16_t digit = vsubq_u8(chars, vdupq_n_u8('0'));
     uint8x16_t is_digit = vcleq_u8(digit, vdupq_n_u8(9));
@@ -303,8 +302,7 @@ static inline uint8x16_t neon_groups(const char* first, const char* second)
     return vcombine_u8(vld1_u8((const uint8_t*)first), vld1_u8((const uint8_t*)second));
 }
 
-template <bool kGolden>
-static inline bool neon_line(const char* line, uint8_t* data, uint8_t* mask)
+template <bool kGolden> static inline bool neon_line(const char* line, uint8_t* data, uint8_t* mask)
 {
     if (!separators_in_place(line))
         return false;
@@ -319,8 +317,7 @@ static inline bool neon_line(const char* line, uint8_t* data, uint8_t* mask)
     return true;
 }
 
-template <bool kGolden>
-static size_t neon_run(const char* text, size_t lines, uint8_t* data, uint8_t* mask)
+template <bool kGolden> static size_t neon_run(const char* text, size_t lines, uint8_t* data, uint8_t* mask)
 {
     size_t i = 0;
     for (; i < lines; i++, text += 36) {
@@ -362,8 +359,7 @@ static inline bool decode_hex_group(const char* chars, uint8_t out[4])
 bool decode_hex_digits_words(const char* line, size_t n, uint8_t out[16])
 {
     return n >= HEX_LINE_CHARS && separators_in_place(line) && decode_hex_group(line, out + 12) &&
-           decode_hex_group(line + 9, out + 8) && decode_hex_group(line + 18, out + 4) &&
-           decode_hex_group(line + 27, out);
+        decode_hex_group(line + 9, out + 8) && decode_hex_group(line + 18, out + 4) && decode_hex_group(line + 27, out);
 }
 
 // The vector decoder where the host has one, the word one elsewhere.

@@ -11,8 +11,8 @@
 
 #include "qora_pattern.h"
 #include "qora_pattern_hexline.h"
-#include "qora_pattern_reader.h"
 #include "qora_pattern_internal.h"
+#include "qora_pattern_reader.h"
 #include "qora_utils.h"
 
 void* (*pattern_malloc)(size_t size) = malloc;
@@ -156,7 +156,7 @@ static void load_binding(char* ofs, char* addr, pattern* p, unsigned index, std:
 {
     sub_pattern* sub = p->sub_ptn_list.at(index);
     int32_t count = sub->binding_num;
-    binding scratch{};
+    binding scratch {};
     binding* b = count < MAX_NUM ? &sub->binding[count] : &scratch;
     resolve_binding(b, addr, p, out_list);
     b->ofs = (uint32_t)strtoul(ofs, nullptr, 10);
@@ -365,7 +365,7 @@ int qoraPattern::load_pattern_hex(pattern* p)
     line_reader reader(fp);
     char str[QORA_LINE_BUF];
     block_state block = BLOCK_NONE;
-    fill_target target{nullptr, 0, 0};
+    fill_target target {nullptr, 0, 0};
     text_piece line;
     for (;;) {
         if (block != BLOCK_NONE && load_data_run(&reader, &target) > 0)

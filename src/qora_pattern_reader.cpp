@@ -66,9 +66,8 @@ static uint32_t count_pieces_in_blocks(const char* text, size_t len, size_t* pos
             __m128i f3 = _mm_cmpeq_epi8(_mm_loadu_si128((const __m128i*)(p + 48)), feed);
             lanes = _mm_sub_epi8(_mm_sub_epi8(lanes, _mm_add_epi8(f0, f1)), _mm_add_epi8(f2, f3));
             uint64_t feeds = (uint64_t)(uint32_t)_mm_movemask_epi8(f0) |
-                             (uint64_t)(uint32_t)_mm_movemask_epi8(f1) << 16 |
-                             (uint64_t)(uint32_t)_mm_movemask_epi8(f2) << 32 |
-                             (uint64_t)(uint32_t)_mm_movemask_epi8(f3) << 48;
+                (uint64_t)(uint32_t)_mm_movemask_epi8(f1) << 16 | (uint64_t)(uint32_t)_mm_movemask_epi8(f2) << 32 |
+                (uint64_t)(uint32_t)_mm_movemask_epi8(f3) << 48;
             if (feeds == 0)
                 continue;
             pieces += whole_pieces_before((ptrdiff_t)*pos + __builtin_ctzll(feeds), *line_start);
@@ -180,8 +179,7 @@ void show_progress_bar_update()
         printf("\n");
 }
 
-line_reader::line_reader(FILE* fp)
-    : m_fp(fp), m_data(nullptr), m_size(0), m_pos(0), m_chunk((char*)malloc(kReadChunk))
+line_reader::line_reader(FILE* fp) : m_fp(fp), m_data(nullptr), m_size(0), m_pos(0), m_chunk((char*)malloc(kReadChunk))
 {
 }
 

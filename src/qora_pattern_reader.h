@@ -94,7 +94,8 @@ inline void terminate_piece(text_piece piece, char out[QORA_LINE_BUF])
 // Reads a text file as fgets with a 120-byte buffer would: pieces of at most
 // 119 characters, each ending after a line feed or where the buffer filled.
 // The file is read in large chunks and pieces are handed out where they lie.
-class line_reader {
+class line_reader
+{
 public:
     explicit line_reader(FILE* fp);
     ~line_reader();
@@ -104,14 +105,8 @@ public:
     // The text read but not handed out yet, up to the end of the chunk in
     // hand (empty when a piece ran across chunks), and handing out its first
     // `n` bytes at once: whole lines only, so that pieces stay fgets's.
-    text_piece rest() const
-    {
-        return {m_data + m_pos, m_size - m_pos};
-    }
-    void skip(size_t n)
-    {
-        m_pos += n;
-    }
+    text_piece rest() const { return {m_data + m_pos, m_size - m_pos}; }
+    void skip(size_t n) { m_pos += n; }
 
     // The next piece, valid until the next call; n is 0 at end of file.
     text_piece next()

@@ -10,11 +10,11 @@
 #include "qora_pattern.h"
 #include "qora_utils.h"
 
-QORAPlayer::QORAPlayer(int id, int loop, int debug_lv, int sleep_us, int delay_off, int boost_value,
-                       int soft_limit, int hard_limit, bool dump, bool perf_mode)
+QORAPlayer::QORAPlayer(int id, int loop, int debug_lv, int sleep_us, int delay_off, int boost_value, int soft_limit,
+                       int hard_limit, bool dump, bool perf_mode)
     : m_id(id), m_loop(loop), m_debug_lv(debug_lv), m_sleep_us(sleep_us), m_boost_value(boost_value),
-      m_delay_off(delay_off), m_soft_limit(soft_limit), m_hard_limit(hard_limit), m_dump(dump),
-      m_perf_mode(perf_mode), m_cmd(nullptr)
+      m_delay_off(delay_off), m_soft_limit(soft_limit), m_hard_limit(hard_limit), m_dump(dump), m_perf_mode(perf_mode),
+      m_cmd(nullptr)
 {
 }
 

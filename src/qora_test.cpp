@@ -180,7 +180,11 @@ static void apply_core_option(const char* arg)
 static int apply_option(int opt, const char* arg)
 {
     switch (opt) {
-    case 'f': case 'g': case OPT_GEN: case OPT_GEN_FW: case 'B': return apply_name_option(opt, arg);
+    case 'f':
+    case 'g':
+    case OPT_GEN:
+    case OPT_GEN_FW:
+    case 'B': return apply_name_option(opt, arg);
     case 'l': loop = to_int(arg); break;
     case 's': sleep_time_us = (int)((uint32_t)strtol(arg, nullptr, 10) * 1000u); break;
     case 'c': apply_core_option(arg); break;
@@ -199,8 +203,14 @@ static int apply_option(int opt, const char* arg)
             return PARSE_RETURN_0;
         }
         break;
-    case 'h': ShowHelp(); do_nothing = true; break;
-    case 'v': printf("qora player version : %s\n", QORA_PLAYER_VERSION); do_nothing = true; break;
+    case 'h':
+        ShowHelp();
+        do_nothing = true;
+        break;
+    case 'v':
+        printf("qora player version : %s\n", QORA_PLAYER_VERSION);
+        do_nothing = true;
+        break;
     case OPT_GEN_USE_DIRNAME: folder_as_name = true; break;
     case OPT_FORCE_PRIORITY: prio_lv = to_int(arg); break;
     case OPT_NO_VLM: vlm_disable = true; break;

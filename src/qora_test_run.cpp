@@ -9,8 +9,8 @@
 
 int run_pattern_mode()
 {
-    QORAPlayer* player = new QORAPlayer(core_id, loop, debug_lv, sleep_time_us, delay_off_ms, boost_value,
-                                        soft_limit, hard_limit, dump_result_data, perf_mode);
+    QORAPlayer* player = new QORAPlayer(core_id, loop, debug_lv, sleep_time_us, delay_off_ms, boost_value, soft_limit,
+                                        hard_limit, dump_result_data, perf_mode);
     qoraPattern* pattern = new (std::nothrow) qoraPattern(pattern_list, golden_list, thrd_num);
     if (pattern == nullptr) {
         QORA_LOG_AT("E", "execute_pattern", 353, "create pattern fail!\n");

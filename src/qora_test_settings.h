@@ -12,25 +12,25 @@
 
 // The lists start empty; every other setting is named once here with its
 // type and the value a process starts with.
-#define QORA_SCALAR_SETTINGS(X) \
-    X(std::string, gen_hdr_name, "") \
-    X(std::string, fw_elf, "") \
-    X(std::string, hex2bin, "") \
-    X(bool, do_nothing, false) \
-    X(bool, folder_as_name, false) \
-    X(int, core_id, 0) \
-    X(int, loop, 1) \
-    X(int, debug_lv, 1) \
-    X(int, sleep_time_us, 0) \
-    X(int, delay_off_ms, 0) \
-    X(int, boost_value, -2) \
-    X(int, soft_limit, 0) \
-    X(int, hard_limit, 0) \
-    X(int, prio_lv, -1) \
-    X(int, thrd_num, 1) \
-    X(int, pmu_flusher, 0) \
-    X(bool, dump_result_data, false) \
-    X(bool, perf_mode, false) \
+#define QORA_SCALAR_SETTINGS(X)                                                                                        \
+    X(std::string, gen_hdr_name, "")                                                                                   \
+    X(std::string, fw_elf, "")                                                                                         \
+    X(std::string, hex2bin, "")                                                                                        \
+    X(bool, do_nothing, false)                                                                                         \
+    X(bool, folder_as_name, false)                                                                                     \
+    X(int, core_id, 0)                                                                                                 \
+    X(int, loop, 1)                                                                                                    \
+    X(int, debug_lv, 1)                                                                                                \
+    X(int, sleep_time_us, 0)                                                                                           \
+    X(int, delay_off_ms, 0)                                                                                            \
+    X(int, boost_value, -2)                                                                                            \
+    X(int, soft_limit, 0)                                                                                              \
+    X(int, hard_limit, 0)                                                                                              \
+    X(int, prio_lv, -1)                                                                                                \
+    X(int, thrd_num, 1)                                                                                                \
+    X(int, pmu_flusher, 0)                                                                                             \
+    X(bool, dump_result_data, false)                                                                                   \
+    X(bool, perf_mode, false)                                                                                          \
     X(bool, vlm_disable, false)
 
 extern std::vector<std::string> pattern_list;

@@ -16,7 +16,8 @@
 #include "kvx_asm.h"
 #include "test_util.h"
 
-namespace {
+namespace
+{
 
 using words_t = std::vector<uint32_t>;
 
@@ -104,7 +105,7 @@ TEST(KvxAsm, ReportsErrorsWithTheirLine)
 {
     for (const auto& c : kErrors) {
         std::string error;
-        EXPECT_EQ(assemble(c.text, &error, c.capacity), words_t{}) << c.text;
+        EXPECT_EQ(assemble(c.text, &error, c.capacity), words_t {}) << c.text;
         EXPECT_EQ(error, c.error) << c.text;
     }
 }
@@ -161,10 +162,27 @@ TEST(KvxAsm, ListingFailsWhenTheBufferIsShort)
 
 TEST(KvxAsm, ListingAssemblesBackToTheWords)
 {
-    words_t program = {kvx_asm_setr(0, 1), 0x20000000, kvx_asm_setr(8, 5), 12 | 12 << 16, 8 | 16 << 16,
-                       3 | 3 << 8 | 1 << 16 | 1 << 24, 77, 10 | 128 << 8 | 10 << 16, kvx_asm_nop(3), 0, 0,
-                       kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3), kvx_asm_flow(1), 0x0000010A, 0x52100103,
-                       kvx_asm_nop(2), 7, kvx_asm_end(), 0xFFFFFFFF, kvx_asm_setr(15, 3), 1};
+    words_t program = {kvx_asm_setr(0, 1),
+                       0x20000000,
+                       kvx_asm_setr(8, 5),
+                       12 | 12 << 16,
+                       8 | 16 << 16,
+                       3 | 3 << 8 | 1 << 16 | 1 << 24,
+                       77,
+                       10 | 128 << 8 | 10 << 16,
+                       kvx_asm_nop(3),
+                       0,
+                       0,
+                       kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3),
+                       kvx_asm_flow(1),
+                       0x0000010A,
+                       0x52100103,
+                       kvx_asm_nop(2),
+                       7,
+                       kvx_asm_end(),
+                       0xFFFFFFFF,
+                       kvx_asm_setr(15, 3),
+                       1};
     EXPECT_EQ(assemble(disassemble(program)), program);
     // Any words: headers with small opcodes and lengths, or anything.
     std::mt19937 rng(7);

@@ -9,15 +9,17 @@
 #include "kvx_firmware.h"
 #include "kvx_rig.h"
 
-namespace {
+namespace
+{
 
 // The player's records and the firmware's are one binary interface, defined
 // twice: every size and field offset must agree, or this does not compile.
-#define SAME_LAYOUT(player, firmware, checks)                                                    \
-    namespace player##_layout {                                                                  \
-    using P = player;                                                                            \
-    using F = kvx::firmware;                                                                     \
-    static_assert(sizeof(P) == sizeof(F) && checks, #player " differs from " #firmware);         \
+#define SAME_LAYOUT(player, firmware, checks)                                                                          \
+    namespace player##_layout                                                                                          \
+    {                                                                                                                  \
+        using P = player;                                                                                              \
+        using F = kvx::firmware;                                                                                       \
+        static_assert(sizeof(P) == sizeof(F) && checks, #player " differs from " #firmware);                           \
     }
 #define SAME(field) (offsetof(P, field) == offsetof(F, field))
 SAME_LAYOUT(qora_cmd_info, fw_cmd_info,
@@ -70,34 +72,36 @@ TEST(EngineFirmware, EachRuleHasItsCause)
          KVX_CAUSE_DIRECTION, 5},
         {"PMU information attached as output", [](kvx_rig&, kvx_bundle& b) { direction(b, 4, KORVEX_CB_OUT); },
          KVX_CAUSE_DIRECTION, 4},
-        {"player record in the code", [](kvx_rig&, kvx_bundle& b) { b.info->rsv_1_index = 2; },
-         KVX_CAUSE_INDEX_CLASH, 2},
-        {"player record index left 0", [](kvx_rig&, kvx_bundle& b) { b.info->rsv_1_index = 0; },
-         KVX_CAUSE_INDEX_CLASH, 0},
+        {"player record in the code", [](kvx_rig&, kvx_bundle& b) { b.info->rsv_1_index = 2; }, KVX_CAUSE_INDEX_CLASH,
+         2},
+        {"player record index left 0", [](kvx_rig&, kvx_bundle& b) { b.info->rsv_1_index = 0; }, KVX_CAUSE_INDEX_CLASH,
+         0},
         {"player record not attached", [](kvx_rig&, kvx_bundle& b) { b.info->rsv_1_index = 9; },
          KVX_CAUSE_MISSING_BUFFER, 9},
         {"only three buffers", [](kvx_rig&, kvx_bundle& b) { b.attach.resize(3); }, KVX_CAUSE_MISSING_BUFFER, 3},
         {"information too short", [](kvx_rig& r, kvx_bundle& b) { replace(r, b, 0, 16); }, KVX_CAUSE_BUFFER_SIZE, 0},
         {"result too short", [](kvx_rig& r, kvx_bundle& b) { replace(r, b, 1, 12); }, KVX_CAUSE_BUFFER_SIZE, 1},
-        {"player record too short", [](kvx_rig& r, kvx_bundle& b) { replace(r, b, 3, 32); },
-         KVX_CAUSE_BUFFER_SIZE, 3},
-        {"PMU information too short", [](kvx_rig& r, kvx_bundle& b) { replace(r, b, 4, 32); },
-         KVX_CAUSE_BUFFER_SIZE, 4},
+        {"player record too short", [](kvx_rig& r, kvx_bundle& b) { replace(r, b, 3, 32); }, KVX_CAUSE_BUFFER_SIZE, 3},
+        {"PMU information too short", [](kvx_rig& r, kvx_bundle& b) { replace(r, b, 4, 32); }, KVX_CAUSE_BUFFER_SIZE,
+         4},
         {"PMU output too short", [](kvx_rig& r, kvx_bundle& b) { replace(r, b, 5, 5); }, KVX_CAUSE_BUFFER_SIZE, 5},
         {"PMU result too short for a record", [](kvx_rig& r, kvx_bundle& b) { replace(r, b, 6, 32); },
          KVX_CAUSE_BUFFER_SIZE, 6},
-        {"no marker", [](kvx_rig&, kvx_bundle& b) { b.info->reserved = 0x12345678; }, KVX_CAUSE_NO_MARKER,
-         0x12345678},
-        {"code offset inside a word", [](kvx_rig&, kvx_bundle& b) { b.info->code_offset = 1; }, KVX_CAUSE_CODE_OFFSET, 1},
-        {"code offset past the code", [](kvx_rig&, kvx_bundle& b) { b.info->code_offset = 4; }, KVX_CAUSE_CODE_OFFSET, 4},
+        {"no marker", [](kvx_rig&, kvx_bundle& b) { b.info->reserved = 0x12345678; }, KVX_CAUSE_NO_MARKER, 0x12345678},
+        {"code offset inside a word", [](kvx_rig&, kvx_bundle& b) { b.info->code_offset = 1; }, KVX_CAUSE_CODE_OFFSET,
+         1},
+        {"code offset past the code", [](kvx_rig&, kvx_bundle& b) { b.info->code_offset = 4; }, KVX_CAUSE_CODE_OFFSET,
+         4},
         {"PMU information in the player record", [](kvx_rig&, kvx_bundle& b) { b.info->pmu_info_index = 3; },
          KVX_CAUSE_INDEX_CLASH, 3},
         {"two PMU records in one buffer", [](kvx_rig&, kvx_bundle& b) { b.info->pmu_info_out_index = 4; },
          KVX_CAUSE_INDEX_CLASH, 4},
-        {"one PMU index left 0", [](kvx_rig&, kvx_bundle& b) { b.info->pmu_result_index = 0; },
-         KVX_CAUSE_INDEX_CLASH, 0},
+        {"one PMU index left 0", [](kvx_rig&, kvx_bundle& b) { b.info->pmu_result_index = 0; }, KVX_CAUSE_INDEX_CLASH,
+         0},
         {"PMU buffers attached, PMU off",
-         [](kvx_rig&, kvx_bundle& b) { b.info->pmu_info_index = b.info->pmu_info_out_index = b.info->pmu_result_index = 0; },
+         [](kvx_rig&, kvx_bundle& b) {
+             b.info->pmu_info_index = b.info->pmu_info_out_index = b.info->pmu_result_index = 0;
+         },
          KVX_CAUSE_UNNAMED_BUFFER, 4},
         {"unknown PMU mode", [](kvx_rig&, kvx_bundle& b) { b.pmu->pmu_mode = 2; }, KVX_CAUSE_PMU_INFO, 4},
         {"15 PMU events", [](kvx_rig&, kvx_bundle& b) { b.pmu->number_of_event = 15; }, KVX_CAUSE_PMU_INFO, 4},
@@ -107,8 +111,8 @@ TEST(EngineFirmware, EachRuleHasItsCause)
          KVX_CAUSE_PMU_INFO, 6},
         {"player flag without the priority bit", [](kvx_rig&, kvx_bundle& b) { b.player->flag = 5; },
          KVX_CAUSE_PLAYER_FLAG, 5},
-        {"player flag with other bits", [](kvx_rig&, kvx_bundle& b) { b.player->flag = 0x18; },
-         KVX_CAUSE_PLAYER_FLAG, 0x18},
+        {"player flag with other bits", [](kvx_rig&, kvx_bundle& b) { b.player->flag = 0x18; }, KVX_CAUSE_PLAYER_FLAG,
+         0x18},
     };
     for (const firmware_case& c : cases) {
         kvx_rig r;

@@ -7,7 +7,8 @@
 
 #include "kvx_rig.h"
 
-namespace {
+namespace
+{
 
 // Buffers an instruction works on: two inputs and an output of 16 bytes.
 struct operands {
@@ -31,7 +32,7 @@ std::vector<uint32_t> regs(kvx_rig& r, const operands& o, uint32_t n)
 
 operands make_operands(kvx_rig& r)
 {
-    operands o{r.dram(16), r.dram(16), r.dram(16, 0xEE)};
+    operands o {r.dram(16), r.dram(16), r.dram(16, 0xEE)};
     const uint8_t x[4] = {200, 10, 255, 0}, y[4] = {100, 20, 1, 0};
     memcpy(o.x, x, 4);
     memcpy(o.y, y, 4);
@@ -47,26 +48,40 @@ TEST(EngineIsa, ResultsMatchTheirDefinitions)
         program code;
         std::vector<uint8_t> out;
     } cases[] = {
-        {"MOVE copies r[c] bytes", [](kvx_rig& r, const operands& o) {
+        {"MOVE copies r[c] bytes",
+         [](kvx_rig& r, const operands& o) {
              return concat({regs(r, o, 3), {kvx_asm_regs(KVX_OP_MOVE, 0, 1, 3, 0), kvx_asm_end()}});
-         }, {200, 10, 255, 0xEE}},
-        {"FILL writes the low byte", [](kvx_rig& r, const operands& o) {
-             return concat({regs(r, o, 2), kvx_set(1, 0x1235A), {kvx_asm_regs(KVX_OP_FILL, 0, 1, 3, 0), kvx_asm_end()}});
-         }, {0x5A, 0x5A, 0xEE}},
-        {"ADD8 saturates at 255", [](kvx_rig& r, const operands& o) {
+         },
+         {200, 10, 255, 0xEE}},
+        {"FILL writes the low byte",
+         [](kvx_rig& r, const operands& o) {
+             return concat(
+                 {regs(r, o, 2), kvx_set(1, 0x1235A), {kvx_asm_regs(KVX_OP_FILL, 0, 1, 3, 0), kvx_asm_end()}});
+         },
+         {0x5A, 0x5A, 0xEE}},
+        {"ADD8 saturates at 255",
+         [](kvx_rig& r, const operands& o) {
              return concat({regs(r, o, 4), {kvx_asm_regs(KVX_OP_ADD8, 0, 1, 2, 3), kvx_asm_end()}});
-         }, {255, 30, 255, 0, 0xEE}},
-        {"MAX8 takes the larger byte", [](kvx_rig& r, const operands& o) {
+         },
+         {255, 30, 255, 0, 0xEE}},
+        {"MAX8 takes the larger byte",
+         [](kvx_rig& r, const operands& o) {
              return concat({regs(r, o, 4), {kvx_asm_regs(KVX_OP_MAX8, 0, 1, 2, 3), kvx_asm_end()}});
-         }, {200, 20, 255, 0, 0xEE}},
-        {"NOP skips its words", [](kvx_rig& r, const operands& o) {
-             return concat({regs(r, o, 1), kvx_set(1, 0x42),
+         },
+         {200, 20, 255, 0, 0xEE}},
+        {"NOP skips its words",
+         [](kvx_rig& r, const operands& o) {
+             return concat({regs(r, o, 1),
+                            kvx_set(1, 0x42),
                             {kvx_asm_nop(3), 0x1F7, 0x1F7, kvx_asm_regs(KVX_OP_FILL, 0, 1, 3, 0), kvx_asm_end()}});
-         }, {0x42, 0xEE}},
-        {"SETR loads consecutive registers", [](kvx_rig& r, const operands& o) {
-             return std::vector<uint32_t>{kvx_asm_setr(4, 3), r.unit(o.out), 0x77, 2,
-                                          kvx_asm_regs(KVX_OP_FILL, 4, 5, 6, 0), kvx_asm_end()};
-         }, {0x77, 0x77, 0xEE}},
+         },
+         {0x42, 0xEE}},
+        {"SETR loads consecutive registers",
+         [](kvx_rig& r, const operands& o) {
+             return std::vector<uint32_t> {
+                 kvx_asm_setr(4, 3), r.unit(o.out), 0x77, 2, kvx_asm_regs(KVX_OP_FILL, 4, 5, 6, 0), kvx_asm_end()};
+         },
+         {0x77, 0x77, 0xEE}},
     };
     for (const auto& c : cases) {
         kvx_rig r;
@@ -107,45 +122,71 @@ TEST(EngineIsa, FaultsNameTheirCause)
     void* cb = nullptr; // command buffers are never engine memory
     auto cb_va = [&cb](kvx_rig& r, const operands&) { return r.va(cb); };
     const fault_case cases[] = {
-        {"unknown opcode after flow 5", [](kvx_rig&, const operands&) {
-             return std::vector<uint32_t>{kvx_asm_flow(5), 0x1F7};
-         }, KVX_CAUSE_UNKNOWN_OPCODE, offset(4), 5},
-        {"zero length", [](kvx_rig&, const operands&) {
-             return std::vector<uint32_t>{kvx_asm_nop(2), 0, KVX_OP_MOVE, kvx_asm_end()};
-         }, KVX_CAUSE_ZERO_LENGTH, offset(8), 0},
-        {"operands past the end", [](kvx_rig&, const operands&) {
-             return std::vector<uint32_t>{kvx_asm_setr(0, 3), 1};
-         }, KVX_CAUSE_PAST_END, offset(0), 0},
-        {"no END", [](kvx_rig&, const operands&) { return std::vector<uint32_t>{kvx_asm_nop(1)}; },
-         KVX_CAUSE_PAST_END, offset(4), 0},
-        {"SETR past r15", [](kvx_rig&, const operands&) {
-             return std::vector<uint32_t>{kvx_asm_setr(15, 2), 1, 2, kvx_asm_end()};
-         }, KVX_CAUSE_BAD_OPERAND, offset(0), 0},
-        {"convolution with stride 0", [](kvx_rig&, const operands&) {
-             return std::vector<uint32_t>{kvx_asm_setr(8, 3), 1 | 1 << 16, 1 | 1 << 16, 1 | 1 << 8,
-                                          kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3), kvx_asm_end()};
-         }, KVX_CAUSE_BAD_OPERAND, offset(16), 0},
-        {"convolution without input channels", [](kvx_rig&, const operands&) {
-             return std::vector<uint32_t>{kvx_asm_setr(8, 3), 1 | 1 << 16, 0 | 1 << 16, 1 | 1 << 8 | 1 << 16,
-                                          kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3), kvx_asm_end()};
-         }, KVX_CAUSE_BAD_OPERAND, offset(16), 0},
-        {"convolution without output channels", [](kvx_rig&, const operands&) {
-             return std::vector<uint32_t>{kvx_asm_setr(8, 3), 1 | 1 << 16, 1, 1 | 1 << 8 | 1 << 16,
-                                          kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3), kvx_asm_end()};
-         }, KVX_CAUSE_BAD_OPERAND, offset(16), 0},
+        {"unknown opcode after flow 5",
+         [](kvx_rig&, const operands&) {
+             return std::vector<uint32_t> {kvx_asm_flow(5), 0x1F7};
+         },
+         KVX_CAUSE_UNKNOWN_OPCODE, offset(4), 5},
+        {"zero length",
+         [](kvx_rig&, const operands&) {
+             return std::vector<uint32_t> {kvx_asm_nop(2), 0, KVX_OP_MOVE, kvx_asm_end()};
+         },
+         KVX_CAUSE_ZERO_LENGTH, offset(8), 0},
+        {"operands past the end",
+         [](kvx_rig&, const operands&) {
+             return std::vector<uint32_t> {kvx_asm_setr(0, 3), 1};
+         },
+         KVX_CAUSE_PAST_END, offset(0), 0},
+        {"no END", [](kvx_rig&, const operands&) { return std::vector<uint32_t> {kvx_asm_nop(1)}; }, KVX_CAUSE_PAST_END,
+         offset(4), 0},
+        {"SETR past r15",
+         [](kvx_rig&, const operands&) {
+             return std::vector<uint32_t> {kvx_asm_setr(15, 2), 1, 2, kvx_asm_end()};
+         },
+         KVX_CAUSE_BAD_OPERAND, offset(0), 0},
+        {"convolution with stride 0",
+         [](kvx_rig&, const operands&) {
+             return std::vector<uint32_t> {
+                 kvx_asm_setr(8, 3), 1 | 1 << 16, 1 | 1 << 16, 1 | 1 << 8, kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3),
+                 kvx_asm_end()};
+         },
+         KVX_CAUSE_BAD_OPERAND, offset(16), 0},
+        {"convolution without input channels",
+         [](kvx_rig&, const operands&) {
+             return std::vector<uint32_t> {kvx_asm_setr(8, 3),
+                                           1 | 1 << 16,
+                                           0 | 1 << 16,
+                                           1 | 1 << 8 | 1 << 16,
+                                           kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3),
+                                           kvx_asm_end()};
+         },
+         KVX_CAUSE_BAD_OPERAND, offset(16), 0},
+        {"convolution without output channels",
+         [](kvx_rig&, const operands&) {
+             return std::vector<uint32_t> {
+                 kvx_asm_setr(8, 3), 1 | 1 << 16, 1, 1 | 1 << 8 | 1 << 16, kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3),
+                 kvx_asm_end()};
+         },
+         KVX_CAUSE_BAD_OPERAND, offset(16), 0},
         {"no memory there", fill_at(0x1000, 16), KVX_CAUSE_NO_MEMORY, offset(0x1000), 0},
         {"the on-chip window outside the VLM", fill_at(0x1D800000, 16), KVX_CAUSE_NO_MEMORY, offset(0x1D800000), 0},
         {"the VLM without a handle", fill_at(0x1D900000, 16), KVX_CAUSE_VLM_NOT_HELD, offset(0x1D900000), 0},
-        {"past the end of a buffer", [](kvx_rig& r, const operands& o) {
+        {"past the end of a buffer",
+         [](kvx_rig& r, const operands& o) {
              return concat({regs(r, o, 17), {kvx_asm_regs(KVX_OP_FILL, 0, 1, 3, 0), kvx_asm_end()}});
-         }, KVX_CAUSE_NO_MEMORY, [](kvx_rig& r, const operands& o) { return r.va(o.out); }, 0},
-        {"a source outside memory", [](kvx_rig& r, const operands& o) {
+         },
+         KVX_CAUSE_NO_MEMORY, [](kvx_rig& r, const operands& o) { return r.va(o.out); }, 0},
+        {"a source outside memory",
+         [](kvx_rig& r, const operands& o) {
              return concat({regs(r, o, 4), kvx_set(1, 0x100), {kvx_asm_regs(KVX_OP_ADD8, 0, 1, 2, 3), kvx_asm_end()}});
-         }, KVX_CAUSE_NO_MEMORY, offset(0x1000), 0},
-        {"a command buffer", [&cb](kvx_rig& r, const operands&) {
+         },
+         KVX_CAUSE_NO_MEMORY, offset(0x1000), 0},
+        {"a command buffer",
+         [&cb](kvx_rig& r, const operands&) {
              cb = r.cmdbuf(64);
              return kvx_fill(r.va(cb), 16);
-         }, KVX_CAUSE_CMDBUF_ACCESS, cb_va, 0},
+         },
+         KVX_CAUSE_CMDBUF_ACCESS, cb_va, 0},
     };
     for (const fault_case& c : cases) {
         kvx_rig r;

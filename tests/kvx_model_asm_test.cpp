@@ -12,7 +12,8 @@
 
 #include "test_util.h"
 
-namespace {
+namespace
+{
 
 // The n-th fenced block after `heading` in a document.
 std::string fenced_block(const std::string& doc, const std::string& heading, int n)

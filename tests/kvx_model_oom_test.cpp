@@ -16,7 +16,8 @@
 
 #include "kvx_rig.h"
 
-namespace {
+namespace
+{
 
 long g_live;          // blocks handed out and not yet given back
 long g_until_failure; // 0: no failure planned; else allocations up to the one that fails
@@ -54,28 +55,89 @@ void give(void* p) noexcept
 } // namespace
 
 const size_t kNewAlign = __STDCPP_DEFAULT_NEW_ALIGNMENT__;
-void* operator new(size_t n) { return take_or_throw(n, kNewAlign); }
-void* operator new[](size_t n) { return take_or_throw(n, kNewAlign); }
-void* operator new(size_t n, std::align_val_t a) { return take_or_throw(n, (size_t)a); }
-void* operator new[](size_t n, std::align_val_t a) { return take_or_throw(n, (size_t)a); }
-void* operator new(size_t n, const std::nothrow_t&) noexcept { return take(n, kNewAlign); }
-void* operator new[](size_t n, const std::nothrow_t&) noexcept { return take(n, kNewAlign); }
-void* operator new(size_t n, std::align_val_t a, const std::nothrow_t&) noexcept { return take(n, (size_t)a); }
-void* operator new[](size_t n, std::align_val_t a, const std::nothrow_t&) noexcept { return take(n, (size_t)a); }
-void operator delete(void* p) noexcept { give(p); }
-void operator delete[](void* p) noexcept { give(p); }
-void operator delete(void* p, size_t) noexcept { give(p); }
-void operator delete[](void* p, size_t) noexcept { give(p); }
-void operator delete(void* p, std::align_val_t) noexcept { give(p); }
-void operator delete[](void* p, std::align_val_t) noexcept { give(p); }
-void operator delete(void* p, size_t, std::align_val_t) noexcept { give(p); }
-void operator delete[](void* p, size_t, std::align_val_t) noexcept { give(p); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { give(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { give(p); }
-void operator delete(void* p, std::align_val_t, const std::nothrow_t&) noexcept { give(p); }
-void operator delete[](void* p, std::align_val_t, const std::nothrow_t&) noexcept { give(p); }
+void* operator new(size_t n)
+{
+    return take_or_throw(n, kNewAlign);
+}
+void* operator new[](size_t n)
+{
+    return take_or_throw(n, kNewAlign);
+}
+void* operator new(size_t n, std::align_val_t a)
+{
+    return take_or_throw(n, (size_t)a);
+}
+void* operator new[](size_t n, std::align_val_t a)
+{
+    return take_or_throw(n, (size_t)a);
+}
+void* operator new(size_t n, const std::nothrow_t&) noexcept
+{
+    return take(n, kNewAlign);
+}
+void* operator new[](size_t n, const std::nothrow_t&) noexcept
+{
+    return take(n, kNewAlign);
+}
+void* operator new(size_t n, std::align_val_t a, const std::nothrow_t&) noexcept
+{
+    return take(n, (size_t)a);
+}
+void* operator new[](size_t n, std::align_val_t a, const std::nothrow_t&) noexcept
+{
+    return take(n, (size_t)a);
+}
+void operator delete(void* p) noexcept
+{
+    give(p);
+}
+void operator delete[](void* p) noexcept
+{
+    give(p);
+}
+void operator delete(void* p, size_t) noexcept
+{
+    give(p);
+}
+void operator delete[](void* p, size_t) noexcept
+{
+    give(p);
+}
+void operator delete(void* p, std::align_val_t) noexcept
+{
+    give(p);
+}
+void operator delete[](void* p, std::align_val_t) noexcept
+{
+    give(p);
+}
+void operator delete(void* p, size_t, std::align_val_t) noexcept
+{
+    give(p);
+}
+void operator delete[](void* p, size_t, std::align_val_t) noexcept
+{
+    give(p);
+}
+void operator delete(void* p, const std::nothrow_t&) noexcept
+{
+    give(p);
+}
+void operator delete[](void* p, const std::nothrow_t&) noexcept
+{
+    give(p);
+}
+void operator delete(void* p, std::align_val_t, const std::nothrow_t&) noexcept
+{
+    give(p);
+}
+void operator delete[](void* p, std::align_val_t, const std::nothrow_t&) noexcept
+{
+    give(p);
+}
 
-namespace {
+namespace
+{
 
 // What a call works on; `prepare` makes it, unplanned.
 struct fixture {
@@ -109,8 +171,8 @@ void copy_command(fixture& f, bool run)
     kvx_rig& r = *f.r;
     uint8_t* src = r.dram(64, 0x5A);
     uint8_t* dst = r.dram(64);
-    kvx_bundle b = r.bundle({kvx_asm_setr(0, 3), r.unit(dst), r.unit(src), 64, kvx_asm_regs(KVX_OP_MOVE, 0, 1, 2, 0),
-                             kvx_asm_end()});
+    kvx_bundle b = r.bundle(
+        {kvx_asm_setr(0, 3), r.unit(dst), r.unit(src), 64, kvx_asm_regs(KVX_OP_MOVE, 0, 1, 2, 0), kvx_asm_end()});
     with_subs(f, 1);
     for (const auto& a : b.attach)
         korvexSubCmd_addCmdBuf(f.sub, a.first, a.second);
@@ -119,7 +181,7 @@ void copy_command(fixture& f, bool run)
         korvexCmd_run(f.cmd);
 }
 
-void nothing(fixture&) {}
+void nothing(fixture&) { }
 
 const std::vector<OomCall> kCalls = {
     {"korvexSession_createInstance", nothing,
@@ -143,9 +205,7 @@ const std::vector<OomCall> kCalls = {
     {"korvexSession_memFree", [](fixture& f) { f.p = f.r->dram(16); },
      [](fixture& f) { return korvexSession_memFree(f.r->s, f.p) == -1; }},
     {"korvexSession_memGetInfoFromHostPtr", [](fixture& f) { f.p = f.r->dram(16); },
-     [](fixture& f) {
-         return korvexSession_memGetInfoFromHostPtr(f.r->s, f.p, KORVEX_MEM_INFO_GET_DEVICE_VA) == 0;
-     }},
+     [](fixture& f) { return korvexSession_memGetInfoFromHostPtr(f.r->s, f.p, KORVEX_MEM_INFO_GET_DEVICE_VA) == 0; }},
     {"korvexSession_memFlush", [](fixture& f) { f.p = f.r->dram(16); },
      [](fixture& f) { return korvexSession_memFlush(f.r->s, f.p) == -1; }},
     {"korvexSession_memInvalidate", [](fixture& f) { f.p = f.r->dram(16); },
@@ -194,7 +254,7 @@ size_t open_files()
 void first_call(const OomCall& c)
 {
     kvx_rig r;
-    fixture f{&r, nullptr, nullptr, nullptr, nullptr, nullptr};
+    fixture f {&r, nullptr, nullptr, nullptr, nullptr, nullptr};
     c.prepare(f);
     EXPECT_FALSE(c.failed(f)) << c.call;
     if (f.s2 != nullptr)
@@ -211,7 +271,7 @@ bool call_failing_at(const OomCall& c, long n, bool traced)
     bool injected;
     {
         kvx_rig r;
-        fixture f{&r, nullptr, nullptr, nullptr, nullptr, nullptr};
+        fixture f {&r, nullptr, nullptr, nullptr, nullptr, nullptr};
         c.prepare(f);
         long live_before = g_live;
         g_failed = false;

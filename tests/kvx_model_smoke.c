@@ -8,12 +8,12 @@
 #include "korvex.h"
 #include "kvx_asm.h"
 
-#define CHECK(cond)                                                  \
-    do {                                                             \
-        if (!(cond)) {                                               \
-            fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #cond); \
-            return 1;                                                \
-        }                                                            \
+#define CHECK(cond)                                                                                                    \
+    do {                                                                                                               \
+        if (!(cond)) {                                                                                                 \
+            fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #cond);                                                 \
+            return 1;                                                                                                  \
+        }                                                                                                              \
     } while (0)
 
 struct __attribute__((packed)) pmu_info {
@@ -44,8 +44,8 @@ int main(void)
     CHECK(korvexSession_memFlush(s, src) == 0 && korvexSession_memFlush(s, dst) == 0);
 
     uint32_t code[] = {
-        kvx_asm_setr(0, 3), unit(s, dst), unit(s, src), 64, kvx_asm_regs(KVX_OP_MOVE, 0, 1, 2, 0),
-        kvx_asm_flow(1), kvx_asm_end(),
+        kvx_asm_setr(0, 3), unit(s, dst),  unit(s, src), 64, kvx_asm_regs(KVX_OP_MOVE, 0, 1, 2, 0),
+        kvx_asm_flow(1),    kvx_asm_end(),
     };
     uint32_t* info = korvexSession_cmdBufAlloc(s, 32, 256);
     uint32_t* res = korvexSession_cmdBufAlloc(s, 16, 256);
@@ -80,7 +80,7 @@ int main(void)
     CHECK(res[0] == 0 && res[2] == 0);
     CHECK(player[7] >= 1 && korvexSubCmd_getRunInfo(sub, SC_RUNINFO_IPTIME) == player[7]);
     CHECK(korvexSubCmd_getRunInfo(sub, SC_RUNINFO_DRIVERTIME) > korvexSubCmd_getRunInfo(sub, SC_RUNINFO_IPTIME));
-    CHECK(pmu_res[0] == 1000000); /* 1000 MHz, in kHz */
+    CHECK(pmu_res[0] == 1000000);                                            /* 1000 MHz, in kHz */
     CHECK(pmu_buf[0] == 0x51000001 && pmu_buf[2] == 64 && pmu_buf[3] == 64); /* one flow; bytes read, written */
     CHECK(korvexSession_deleteCmd(s, cmd) == 0);
     CHECK(korvexSession_deleteInstance(s) == 0);

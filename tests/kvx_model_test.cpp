@@ -10,7 +10,8 @@
 #include "kvx_rig.h"
 #include "test_util.h"
 
-namespace {
+namespace
+{
 
 // Code that copies 64 bytes from src to dst.
 std::vector<uint32_t> copy_code(kvx_rig& r, const void* dst, const void* src)
@@ -27,17 +28,24 @@ TEST(EngineModel, UnflushedHostWritesRefuseTheRun)
         std::function<uint32_t(kvx_rig&, uint8_t* src)> host_write; // the address left unflushed, or 0
     } cases[] = {
         {"everything flushed", [](kvx_rig&, uint8_t*) { return 0u; }},
-        {"a byte written after the flush", [](kvx_rig& r, uint8_t* src) { src[5] = 1; return r.va(src) + 5; }},
-        {"a write dropped by an invalidate", [](kvx_rig& r, uint8_t* src) {
+        {"a byte written after the flush",
+         [](kvx_rig& r, uint8_t* src) {
+             src[5] = 1;
+             return r.va(src) + 5;
+         }},
+        {"a write dropped by an invalidate",
+         [](kvx_rig& r, uint8_t* src) {
              src[5] = 1;
              korvexSession_memInvalidate(r.s, src);
              return 0u;
          }},
-        {"a buffer never flushed", [](kvx_rig& r, uint8_t*) {
+        {"a buffer never flushed",
+         [](kvx_rig& r, uint8_t*) {
              void* p = korvexSession_memAlloc(r.s, 16, 0, KORVEX_MEM_TYPE_DRAM, 0);
              return r.va(p);
          }},
-        {"a command buffer never flushed", [](kvx_rig& r, uint8_t*) {
+        {"a command buffer never flushed",
+         [](kvx_rig& r, uint8_t*) {
              void* p = korvexSession_cmdBufAlloc(r.s, 16, 0);
              return r.va(p);
          }},
@@ -84,7 +92,8 @@ TEST(EngineModel, StrictAboutCallsAndParameters)
         {"VLM with flags", korvexSession_memAlloc(other.s, 0, 0, KORVEX_MEM_TYPE_VLM, 2) != nullptr, false},
         {"DRAM flags past KORVEX_MEM_HIGHADDR", korvexSession_memAlloc(m.s, 16, 0, KORVEX_MEM_TYPE_DRAM, 3) != nullptr,
          false},
-        {"alignment not a power of two", korvexSession_memAlloc(m.s, 16, 24, KORVEX_MEM_TYPE_DRAM, 0) != nullptr, false},
+        {"alignment not a power of two", korvexSession_memAlloc(m.s, 16, 24, KORVEX_MEM_TYPE_DRAM, 0) != nullptr,
+         false},
         {"command buffer of 0 bytes", korvexSession_cmdBufAlloc(m.s, 0, 256) != nullptr, false},
         {"command buffer of 1 byte", korvexSession_cmdBufAlloc(m.s, 1, 256) != nullptr, true},
         {"unknown session", korvexSession_deleteInstance((korvex_session_t*)&mem) == 0, false},
@@ -144,7 +153,7 @@ TEST(EngineModel, AllocationsAreAlignedAndPlaced)
         bool cmdbuf;
         uint64_t flags;
     } cases[] = {
-        {100, 4096, false, 2}, {0x100000, 0x100000, false, 2}, {1, 0, false, 0},      {4096, 4096, false, 1},
+        {100, 4096, false, 2}, {0x100000, 0x100000, false, 2}, {1, 0, false, 0},   {4096, 4096, false, 1},
         {32, 256, true, 0},    {0xF0000, 0x100000, true, 0},   {34, 256, true, 0},
     };
     for (const auto& c : cases) {
@@ -428,7 +437,8 @@ TEST(EngineModel, InstructionLog)
 // flusher mode writes one record per flow, 64-byte records past 6 events.
 TEST(EngineModel, PmuCountsEveryUnit)
 {
-    const uint16_t events[11] = {0x0101, 0x0102, 0x0103, 0x1001, 0x1002, 0x1003, 0x1701, 0x1708, 0x2001, 0x2002, 0x0000};
+    const uint16_t events[11] = {0x0101, 0x0102, 0x0103, 0x1001, 0x1002, 0x1003,
+                                 0x1701, 0x1708, 0x2001, 0x2002, 0x0000};
     // 8 instructions; 54 bytes read, 49 written; 2 DMA commands, 1 CONV
     // with 1 MAC, 16 vector elements in 1 command, 1 flow: 8 + 103/32 + 16/16 = 12 cycles.
     const uint32_t total[11] = {8, 12, 1, 54, 49, 2, 1, 1, 16, 1, 0};
@@ -438,12 +448,12 @@ TEST(EngineModel, PmuCountsEveryUnit)
         uint8_t* out = r.dram(16);
         uint8_t* x = r.dram(16, 1);
         uint8_t* y = r.dram(16, 2);
-        kvx_bundle b = r.bundle({kvx_asm_setr(0, 4), r.unit(out), r.unit(x), r.unit(y), 16,
-                                 kvx_asm_regs(KVX_OP_MOVE, 0, 1, 3, 0), kvx_asm_regs(KVX_OP_FILL, 0, 1, 3, 0),
-                                 kvx_asm_regs(KVX_OP_ADD8, 0, 1, 2, 3), kvx_asm_setr(8, 5), 1 | 1 << 16,
-                                 1 | 1 << 16, 1 | 1 << 8 | 1 << 16, 1, 0, kvx_asm_regs(KVX_OP_CONV, 1, 2, 1, 0),
-                                 kvx_asm_flow(1), kvx_asm_end()},
-                                11, flusher);
+        kvx_bundle b =
+            r.bundle({kvx_asm_setr(0, 4), r.unit(out), r.unit(x), r.unit(y), 16, kvx_asm_regs(KVX_OP_MOVE, 0, 1, 3, 0),
+                      kvx_asm_regs(KVX_OP_FILL, 0, 1, 3, 0), kvx_asm_regs(KVX_OP_ADD8, 0, 1, 2, 3), kvx_asm_setr(8, 5),
+                      1 | 1 << 16, 1 | 1 << 16, 1 | 1 << 8 | 1 << 16, 1, 0, kvx_asm_regs(KVX_OP_CONV, 1, 2, 1, 0),
+                      kvx_asm_flow(1), kvx_asm_end()},
+                     11, flusher);
         memcpy(b.pmu->event, events, sizeof(events));
         r.flush(b);
         ASSERT_EQ(r.run(b).run, 0) << flusher;

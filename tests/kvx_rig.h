@@ -35,7 +35,8 @@ struct kvx_outcome {
     std::vector<uint64_t> cause, detail, ip_us, driver_us, bandwidth;
 };
 
-class kvx_rig {
+class kvx_rig
+{
 public:
     // A session of an engine with `cores` cores. The other hooks are read
     // from the environment here too.
@@ -68,7 +69,7 @@ public:
     // `pmu_events` >= 0 also the PMU buffers in normal (or flusher) mode.
     kvx_bundle bundle(const std::vector<uint32_t>& code, int pmu_events = -1, bool flusher = false)
     {
-        kvx_bundle b{};
+        kvx_bundle b {};
         b.info = (qora_cmd_info*)cmdbuf(sizeof(qora_cmd_info), 256);
         b.res = (qora_cmd_result*)cmdbuf(sizeof(qora_cmd_result), 256);
         b.code = (uint32_t*)cmdbuf((uint32_t)code.size() * 4, 256);
@@ -76,7 +77,9 @@ public:
         memcpy(b.code, code.data(), code.size() * 4);
         b.info->reserved = QORA_PLAY_MARKER;
         b.info->rsv_1_index = 3;
-        b.attach = {{b.info, KORVEX_CB_IN}, {b.res, KORVEX_CB_OUT}, {b.code, KORVEX_CB_IN},
+        b.attach = {{b.info, KORVEX_CB_IN},
+                    {b.res, KORVEX_CB_OUT},
+                    {b.code, KORVEX_CB_IN},
                     {b.player, KORVEX_CB_BIDIRECTIONAL}};
         if (pmu_events >= 0)
             add_pmu(b, pmu_events, flusher);
@@ -86,16 +89,15 @@ public:
 
     void flush(const kvx_bundle& b)
     {
-        for (void* p : {(void*)b.info, (void*)b.res, (void*)b.code, (void*)b.player, (void*)b.pmu,
-                        (void*)b.pmu_out, (void*)b.pmu_buf})
+        for (void* p : {(void*)b.info, (void*)b.res, (void*)b.code, (void*)b.player, (void*)b.pmu, (void*)b.pmu_out,
+                        (void*)b.pmu_buf})
             if (p != nullptr)
                 korvexSession_memFlush(s, p);
     }
 
     // Runs one command of the bundles' sub-commands; `packed` packs every
     // later one with the first; `setup` sets parameters before the build.
-    template <typename Setup>
-    kvx_outcome run(std::vector<kvx_bundle*> subs, bool packed, Setup setup)
+    template <typename Setup> kvx_outcome run(std::vector<kvx_bundle*> subs, bool packed, Setup setup)
     {
         korvex_cmd_t* cmd = korvexSession_createCmd(s);
         std::vector<korvex_subcmd_t*> list;
@@ -108,7 +110,7 @@ public:
             korvexCmd_setDependencyPack(cmd, list[0], list[i]);
         setup(cmd, list);
         korvexCmd_build(cmd);
-        kvx_outcome o{korvexCmd_run(cmd), {}, {}, {}, {}, {}};
+        kvx_outcome o {korvexCmd_run(cmd), {}, {}, {}, {}, {}};
         for (korvex_subcmd_t* sub : list) {
             o.cause.push_back(korvexSubCmd_getRunInfo(sub, (korvex_subcmd_runinfo_type)KVX_RUNINFO_CAUSE));
             o.detail.push_back(korvexSubCmd_getRunInfo(sub, (korvex_subcmd_runinfo_type)KVX_RUNINFO_DETAIL));

@@ -7,7 +7,8 @@
 
 #include "qora_cmd.h"
 
-namespace {
+namespace
+{
 
 struct VerifyCase {
     const char* what;

@@ -9,7 +9,8 @@
 #include "qora_fw.h"
 #include "test_util.h"
 
-namespace {
+namespace
+{
 
 const std::string kTools = "riscv64-unknown-elf-";
 
@@ -35,8 +36,7 @@ std::string build_elf(const std::string& dir, const std::string& name,
     write_file(dir + "/" + name + ".s", source);
     write_file(dir + "/" + name + ".ld", script);
     std::string cmd = "cd '" + dir + "' && " + kTools + "as -march=rv32i -mabi=ilp32 " + name + ".s -o " + name +
-                      ".o && " + kTools + "ld -m elf32lriscv -s -T " + name + ".ld " + name + ".o -o " + name +
-                      ".elf 2>/dev/null";
+        ".o && " + kTools + "ld -m elf32lriscv -s -T " + name + ".ld " + name + ".o -o " + name + ".elf 2>/dev/null";
     EXPECT_EQ(system(cmd.c_str()), 0) << cmd;
     return dir + "/" + name + ".elf";
 }
@@ -70,7 +70,8 @@ std::string convert(const std::string& elf, int* rc)
     });
 }
 
-class Firmware : public testing::Test {
+class Firmware : public testing::Test
+{
 protected:
     void SetUp() override
     {
@@ -132,8 +133,8 @@ TEST_F(Firmware, NoBootSectionIsRefused)
 
 TEST_F(Firmware, LargeSectionsAreCut)
 {
-    std::string elf = build_elf(dir, "big", {{".qora_boot", 0x10000000, ".word 1"},
-                                             {".text_big", 0x19000000, ".fill 300000, 1, 0xab"}});
+    std::string elf = build_elf(
+        dir, "big", {{".qora_boot", 0x10000000, ".word 1"}, {".text_big", 0x19000000, ".fill 300000, 1, 0xab"}});
     int rc = -2;
     convert(elf, &rc);
     ASSERT_EQ(rc, 0);
@@ -167,15 +168,24 @@ TEST(FirmwareHeaders, RefusedImagesAndNaming)
 {
     std::string dir = make_tmp_dir("fw_refused");
     std::string elf32(52, '\0'), elf64(64, '\0');
-    memcpy(&elf32[0], "\x7f" "ELF\x01\x02", 6); // big-endian
-    memcpy(&elf64[0], "\x7f" "ELF\x02\x01", 6); // 64-bit, read with the 32-bit layout
-    elf64[46] = 64;                               // e_shentsize as the 32-bit layout sees it
+    memcpy(&elf32[0],
+           "\x7f"
+           "ELF\x01\x02",
+           6); // big-endian
+    memcpy(&elf64[0],
+           "\x7f"
+           "ELF\x02\x01",
+           6);      // 64-bit, read with the 32-bit layout
+    elf64[46] = 64; // e_shentsize as the 32-bit layout sees it
     const struct {
         const char* name;
         std::string bytes;
         std::string printed;
     } cases[] = {
-        {"short.elf", "\x7f" "ELF", "read header fail\n"},
+        {"short.elf",
+         "\x7f"
+         "ELF",
+         "read header fail\n"},
         {"magic.elf", std::string(52, 'x'), "Not an ELF file - it has the wrong magic bytes at the start\n"},
         {"big.elf", elf32, "Only support LSB data!!\n"},
         {"wide.elf", elf64, "shentsize(64) or shnum(0) value is abnormal\n"},

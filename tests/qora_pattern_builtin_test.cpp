@@ -20,12 +20,14 @@
 
 // The headers define their tables; a namespace of their own keeps them
 // apart from the library's copies.
-namespace hdr {
+namespace hdr
+{
 #include "pattern/conv2d_uint8.h"
 #include "pattern/max_pwr4_pi_test.h"
 } // namespace hdr
 
-namespace {
+namespace
+{
 
 // A header's tables in text: binding rows "ofs target dev_va shift", data
 // rows "addr size dev_va is_tmp"; targets named by their data row's address
@@ -41,10 +43,9 @@ struct header_facts {
     size_t mask_size; // 0: the mask is a null pointer
 };
 
-template <class B, class D>
-header_facts read_tables(const B* binding, const D* data, const unsigned char* output)
+template <class B, class D> header_facts read_tables(const B* binding, const D* data, const unsigned char* output)
 {
-    header_facts f{};
+    header_facts f {};
     std::map<const unsigned char*, std::string> names = {{output, "Output"}};
     for (const D* d = data; d->data != NULL; d++) {
         names[d->data] = d->data_addr_str;
@@ -61,13 +62,12 @@ header_facts read_tables(const B* binding, const D* data, const unsigned char* o
     }
     const D* end = data + f.data.size();
     f.tables_end_with_zero_rows = b->ofs == 0 && b->dev_va == 0 && b->shift == 0 && end->data_addr_str == NULL &&
-                                  end->size == 0 && end->dev_va == 0 && end->is_tmp == 0;
+        end->size == 0 && end->dev_va == 0 && end->is_tmp == 0;
     return f;
 }
 
 // A null mask has no bytes; a mask array, its size.
-template <class T>
-size_t mask_bytes(const T& mask)
+template <class T> size_t mask_bytes(const T& mask)
 {
     if constexpr (std::is_array_v<T>)
         return sizeof(mask);
@@ -76,18 +76,18 @@ size_t mask_bytes(const T& mask)
 }
 
 // The facts of the tables a header generated under NAME declares.
-#define HEADER_FACTS(NAME)                                                                     \
-    [] {                                                                                       \
-        header_facts f = read_tables(hdr::NAME##_binding, hdr::NAME##_data, hdr::NAME##_Output); \
-        f.cmd_len = hdr::NAME##_cmd_len;                                                       \
-        f.command_size = sizeof(hdr::NAME##_Command);                                          \
-        f.output_size = sizeof(hdr::NAME##_Output);                                            \
-        f.binding_num = hdr::NAME##_binding_num;                                               \
-        f.data_num = hdr::NAME##_data_num;                                                     \
-        f.golden_size = sizeof(hdr::NAME##_golden);                                            \
-        f.golden_len = hdr::NAME##_golden_len;                                                 \
-        f.mask_size = mask_bytes(hdr::NAME##_golden_mask);                                     \
-        return f;                                                                              \
+#define HEADER_FACTS(NAME)                                                                                             \
+    [] {                                                                                                               \
+        header_facts f = read_tables(hdr::NAME##_binding, hdr::NAME##_data, hdr::NAME##_Output);                       \
+        f.cmd_len = hdr::NAME##_cmd_len;                                                                               \
+        f.command_size = sizeof(hdr::NAME##_Command);                                                                  \
+        f.output_size = sizeof(hdr::NAME##_Output);                                                                    \
+        f.binding_num = hdr::NAME##_binding_num;                                                                       \
+        f.data_num = hdr::NAME##_data_num;                                                                             \
+        f.golden_size = sizeof(hdr::NAME##_golden);                                                                    \
+        f.golden_len = hdr::NAME##_golden_len;                                                                         \
+        f.mask_size = mask_bytes(hdr::NAME##_golden_mask);                                                             \
+        return f;                                                                                                      \
     }
 
 const struct builtin {
@@ -97,18 +97,36 @@ const struct builtin {
     header_facts expected;
     int convolutions; // CONV instructions each code buffer runs
 } kBuiltins[] = {
-    {"Test", "conv2d_uint8", HEADER_FACTS(conv2d_uint8),
-     {0x20, 320, 51200, 4, 4,
+    {"Test",
+     "conv2d_uint8",
+     HEADER_FACTS(conv2d_uint8),
+     {0x20,
+      320,
+      51200,
+      4,
+      4,
       {"68 40000000 0 0", "112 40001000 0 0", "148 40005000 0 0", "272 Output 0 0"},
       {"Command 320 0 0", "40000000 128 0 0", "40005000 230400 0 0", "40001000 9216 0 0"},
-      true, 51200, 51200, 0},
+      true,
+      51200,
+      51200,
+      0},
      1},
-    {"MaxPower", "max_pwr4_pi", HEADER_FACTS(max_pwr4_pi_test),
-     {0x41, 672, 294912, 6, 5,
+    {"MaxPower",
+     "max_pwr4_pi",
+     HEADER_FACTS(max_pwr4_pi_test),
+     {0x41,
+      672,
+      294912,
+      6,
+      5,
       {"72 40000000 0 0", "168 40008000 0 0", "228 40001000 0 0", "432 40006000 0 0", "436 40006000 0 0",
        "604 Output 0 0"},
       {"Command 672 0 0", "40000000 512 0 0", "40008000 663552 0 0", "40001000 18432 0 0", "40006000 256 0 0"},
-      true, 294912, 294912, 294912},
+      true,
+      294912,
+      294912,
+      294912},
      2},
 };
 
@@ -213,7 +231,7 @@ const struct run_case {
     {"-t 4", 4, 1, 4},
     {"-l 3", 1, 3, 2},
     {"-p 0x0101 -p 0x0103 -p 0x1701", 1, 1, 2},
-    {"--flusher -p 0x0103 -p 0x1701", 1, 1, 2},                                            // burst 2
+    {"--flusher -p 0x0103 -p 0x1701", 1, 1, 2},                                                   // burst 2
     {"--flusher -p 0x0101 -p 0x0102 -p 0x0103 -p 0x1001 -p 0x1002 -p 0x1003 -p 0x1701", 1, 1, 2}, // burst 4
     {"-t 4 -l 3 --flusher -p 0x0103 -p 0x1708", 4, 3, 4},
 };
@@ -228,7 +246,7 @@ TEST(BuiltinPattern, BothVerifyOnTheModelWithoutOnChipMemory)
             remove(calls.c_str());
             remove(instructions.c_str());
             std::string env = "KVX_MODEL_CORES=" + std::to_string(r.cores) + " KVX_MODEL_TRACE=" + calls +
-                              " KVX_MODEL_ITRACE=" + instructions;
+                " KVX_MODEL_ITRACE=" + instructions;
             ASSERT_EQ(run_player("-f " + std::string(b.reserved) + " " + r.options, &out, false, env), 0) << what;
             EXPECT_NE(out.find("Verify pattern " + std::to_string(r.loops) + " times : success\n"), std::string::npos)
                 << what;

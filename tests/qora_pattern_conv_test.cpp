@@ -5,16 +5,17 @@
 
 #include "test_util.h"
 
-namespace {
+namespace
+{
 
-const std::string kPattern =
-    "// Output\n// @40009000 {32}\n// acx0_qora1_cmda_length_0014\n// Temporary\n@40000000\n" +
+const std::string kPattern = "// Output\n// @40009000 {32}\n// acx0_qora1_cmda_length_0014\n// Temporary\n@40000000\n" +
     hex_line(0x03020100, 0x07060504, 0x0b0a0908, 0x0f0e0d0c) + "\n@40001000\n" + hex_line(1, 2, 3, 4) +
     "\n// Code\n@0\n" + hex_line(0x0202, 0, 0x10202, 0) + hex_line(0x20202, 32, 0x02100103, 0) +
     "\n// Binding\n// 4 @40009000\n// 12 @40000000\n// 16 @40009010\n// 20 @1D900010\n// 24 @40001010\n"
     "// 28 @3FFFFFF0\n";
 
-class Conversions : public testing::Test {
+class Conversions : public testing::Test
+{
 protected:
     void SetUp() override
     {
@@ -60,7 +61,8 @@ TEST_F(Conversions, CommandLengthNeedsTheWholeName)
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"// acx0_qora1_cmda_length", "// note\n// acx0_qora1_cmda_length\nunsigned char *h_golden_mask = NULL;\n"},
         {"// acx0_qora1_cmda_length\n",
-         "// note\n// acx0_qora1_cmda_length\n\nunsigned int h_cmd_len = 0x;\n\nunsigned char *h_golden_mask = NULL;\n"},
+         "// note\n// acx0_qora1_cmda_length\n\nunsigned int h_cmd_len = 0x;\n\nunsigned char *h_golden_mask = "
+         "NULL;\n"},
     };
     for (const auto& c : cases) {
         write_file(dir + "/p.hex", "// note\n" + c.first);
@@ -141,14 +143,15 @@ TEST_F(Conversions, GoldenHeaders)
          "unsigned char g_golden[] __attribute__ ((aligned (16))) = {\n0x00, 0xff, 0x00, 0xff, 0x00, 0xff, 0x00, "
          "0xff, 0x00, 0xff, 0x00, 0xff, 0x00, 0xff, 0x00, 0xff};\n"
          "unsigned int g_golden_len = sizeof(g_golden);\n\n"},
-        {"a line of 32 characters (line feed included) is a data line, read as far as it goes",
-         "cmodel_output.hex", "@4\n00112233_44556677_8899aabb_ccdd\n",
+        {"a line of 32 characters (line feed included) is a data line, read as far as it goes", "cmodel_output.hex",
+         "@4\n00112233_44556677_8899aabb_ccdd\n",
          "unsigned char g_golden_mask[] __attribute__ ((aligned (16))) = {\n0x, 0x, 0xff, 0xff, 0xff, 0xff, 0xff, "
          "0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff};\n"
          "unsigned char g_golden[] __attribute__ ((aligned (16))) = {\n0x, 0x, 0xdd, 0xcc, 0xbb, 0xaa, 0x99, "
          "0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11, 0x00};\n"
          "unsigned int g_golden_len = sizeof(g_golden);\n\n"},
-        {"a 20-byte binary golden", "g.bin", std::string("\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d\x0e\x0f\x10\xaa\xbb\xcc\xdd"),
+        {"a 20-byte binary golden", "g.bin",
+         std::string("\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d\x0e\x0f\x10\xaa\xbb\xcc\xdd"),
          "unsigned char g_golden[] __attribute__ ((aligned (16))) = {\n0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, "
          "0x08, 0x09, 0x0a, 0x0b, 0x0c, 0x0d, 0x0e, 0x0f, 0x10,\n0xaa, 0xbb, 0xcc, 0xdd};\n"
          "unsigned int g_golden_len = 20;\n\nunsigned char *g_golden_mask = NULL;\n"},

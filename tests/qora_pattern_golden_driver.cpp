@@ -21,8 +21,8 @@ int main(int argc, char** argv)
         fprintf(stderr, "usage: %s <pattern.hex> <golden> <result file>\n", argv[0]);
         return 2;
     }
-    std::vector<std::string> patterns{argv[1]};
-    std::vector<std::string> goldens{argv[2]};
+    std::vector<std::string> patterns {argv[1]};
+    std::vector<std::string> goldens {argv[2]};
     qoraPattern set(patterns, goldens, 1);
     FILE* out = fopen(argv[3], "w");
     if (out == nullptr)

@@ -4,13 +4,13 @@
 
 #include "test_util.h"
 
-namespace {
+namespace
+{
 
-const char* kOutputs =
-    "// Output\n"
-    "// @4000A000 {20}\n"
-    "// @40009000 {32}\n"
-    "// @40000000 {16}\n";
+const char* kOutputs = "// Output\n"
+                       "// @4000A000 {20}\n"
+                       "// @40009000 {32}\n"
+                       "// @40000000 {16}\n";
 
 const std::string kLine = "00112233_44556677_8899aabb_ccddeeff\n";
 
@@ -23,7 +23,7 @@ struct GoldenCase {
 
 std::string describe_goldens(const std::string& dir, const GoldenCase& c)
 {
-    std::vector<std::string> patterns{dir + "/p.hex"}, goldens;
+    std::vector<std::string> patterns {dir + "/p.hex"}, goldens;
     for (const auto& g : c.goldens) {
         write_file(dir + "/" + g.first, g.second);
         goldens.push_back(dir + "/" + g.first);
@@ -110,10 +110,10 @@ TEST(GoldenLoad, LargeBinaryGolden)
     write_file(dir + "/exact.bin", data);
     write_file(dir + "/over.bin", data + "z");
     isolated_result r = run_isolated([&] {
-        std::vector<std::string> p{dir + "/p.hex"}, g{dir + "/exact.bin"};
+        std::vector<std::string> p {dir + "/p.hex"}, g {dir + "/exact.bin"};
         qoraPattern set(p, g, 1);
         return std::to_string(set.get_pattern_golden_size(0)) + " " +
-               std::to_string(memcmp(set.get_pattern_golden_addr(0), data.data(), data.size()) == 0);
+            std::to_string(memcmp(set.get_pattern_golden_addr(0), data.data(), data.size()) == 0);
     });
     EXPECT_EQ(r.result, "2000000 1");
     EXPECT_NE(r.out.find("][100%]\n"), std::string::npos);

@@ -11,13 +11,13 @@
 #include "qora_utils.h"
 #include "test_util.h"
 
-namespace {
+namespace
+{
 
 int reference_scan(const char* line, char tok[16][3])
 {
-    return sscanf(line, "%2s%2s%2s%2s_%2s%2s%2s%2s_%2s%2s%2s%2s_%2s%2s%2s%2s", tok[0], tok[1], tok[2],
-                  tok[3], tok[4], tok[5], tok[6], tok[7], tok[8], tok[9], tok[10], tok[11], tok[12],
-                  tok[13], tok[14], tok[15]);
+    return sscanf(line, "%2s%2s%2s%2s_%2s%2s%2s%2s_%2s%2s%2s%2s_%2s%2s%2s%2s", tok[0], tok[1], tok[2], tok[3], tok[4],
+                  tok[5], tok[6], tok[7], tok[8], tok[9], tok[10], tok[11], tok[12], tok[13], tok[14], tok[15]);
 }
 
 std::string random_line(std::mt19937& rng)
@@ -33,9 +33,15 @@ std::string random_line(std::mt19937& rng)
     for (int e = edits(rng); e > 0; e--) {
         size_t p = (size_t)pos(rng) % (line.size() + 1);
         switch (pos(rng) % 3) {
-        case 0: if (p < line.size()) line[p] = alphabet[ch(rng)]; break;
+        case 0:
+            if (p < line.size())
+                line[p] = alphabet[ch(rng)];
+            break;
         case 1: line.insert(p, 1, alphabet[ch(rng)]); break;
-        default: if (p < line.size()) line.erase(p, 1); break;
+        default:
+            if (p < line.size())
+                line.erase(p, 1);
+            break;
         }
     }
     return line;
@@ -162,9 +168,17 @@ TEST(HexLine, PieceCountMatchesFgets)
 {
     const std::string dir = make_tmp_dir("pieces");
     const std::vector<std::string> texts = {
-        "", "\n", "a", "a\n", std::string(118, 'x') + "\n", std::string(119, 'x') + "\n",
-        std::string(119, 'x'), std::string(120, 'x'), std::string(238, 'y') + "\nz\n\n",
-        "ab\ncd", std::string(500, 'q'),
+        "",
+        "\n",
+        "a",
+        "a\n",
+        std::string(118, 'x') + "\n",
+        std::string(119, 'x') + "\n",
+        std::string(119, 'x'),
+        std::string(120, 'x'),
+        std::string(238, 'y') + "\nz\n\n",
+        "ab\ncd",
+        std::string(500, 'q'),
     };
     for (const std::string& text : texts) {
         std::string path = dir + "/t.txt";

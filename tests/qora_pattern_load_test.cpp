@@ -10,7 +10,8 @@
 #include "qora_pattern_internal.h"
 #include "test_util.h"
 
-namespace {
+namespace
+{
 
 struct LoadCase {
     const char* what;
@@ -20,19 +21,18 @@ struct LoadCase {
     std::vector<std::string> patterns = {}; // the files when not given
 };
 
-const char* kBasic =
-    "// Output\n"
-    "// @40009000 {64}\n"
-    "// Temporary\n"
-    "@40001000\n"
-    "00000000_00000000_00000000_0000abcd\n"
-    "// Code\n"
-    "@0\n"
-    "00112233_44556677_8899aabb_ccddeeff\n"
-    "\n"
-    "// Binding\n"
-    "// 68 @40001000\n"
-    "// 72 @40009000\n";
+const char* kBasic = "// Output\n"
+                     "// @40009000 {64}\n"
+                     "// Temporary\n"
+                     "@40001000\n"
+                     "00000000_00000000_00000000_0000abcd\n"
+                     "// Code\n"
+                     "@0\n"
+                     "00112233_44556677_8899aabb_ccddeeff\n"
+                     "\n"
+                     "// Binding\n"
+                     "// 68 @40001000\n"
+                     "// 72 @40009000\n";
 
 // Two data buffers and an output 0x100 long at 40009000, then one relocation
 // per line of `bindings`.
@@ -41,14 +41,13 @@ std::string relocations(const std::string& bindings)
     return "// Output\n// @40009000 {256}\n// Data\n@40000000\n"
            "00000000_00000000_00000000_00000000\n\n@40001000\n00000000_00000000_00000000_00000000\n\n"
            "// Code\n@0\n00000000_00000000_00000000_00000000\n\n// Binding\n" +
-           bindings;
+        bindings;
 }
 
 // A data buffer's address text keeps the line feed of its '@' line.
-const std::string kRelocData =
-    "data 40000000\n size=16 tmp=0 00000000000000000000000000000000\n"
-    "data 40001000\n size=16 tmp=0 00000000000000000000000000000000\n"
-    "out 40009000 size=256 idx=0\n";
+const std::string kRelocData = "data 40000000\n size=16 tmp=0 00000000000000000000000000000000\n"
+                               "data 40001000\n size=16 tmp=0 00000000000000000000000000000000\n"
+                               "out 40009000 size=256 idx=0\n";
 
 std::string dir_of(const char* what)
 {
@@ -95,9 +94,10 @@ TEST(PatternLoad, Scenarios)
          "out 40009000 size=64 idx=0\n",
          {}},
         {"relocation rules in order",
-         {{"r.hex", relocations("// 1 @40001000\n// 2 @4000\n// 3 @1D9000A0\n// 4 @1D800010\n"
-                                "// 5 @40001010\n// 6 @40009010\n// 7 @3FFFFFF0\n// 8 @40009000\n"
-                                "// 9 @40009100\n")}},
+         {{"r.hex",
+           relocations("// 1 @40001000\n// 2 @4000\n// 3 @1D9000A0\n// 4 @1D800010\n"
+                       "// 5 @40001010\n// 6 @40009010\n// 7 @3FFFFFF0\n// 8 @40009000\n"
+                       "// 9 @40009100\n")}},
          "name=@DIR@\ncode0 size=16 tmp=0 00000000000000000000000000000000\n"
          "  bind ofs=1 buf:40001000 shift=0x0 dev_va=0x0\n"
          "  bind ofs=2 out:40009000 shift=0x0 dev_va=0x0\n"
@@ -117,14 +117,16 @@ TEST(PatternLoad, Scenarios)
              kRelocData,
          {"load_comment():955 sscanf fail\n"}},
         {"outputs: bad sizes dropped, order ignores case",
-         {{"o.hex", "// Outputs\n// @4000a100 {16}\n// @40009000 {32}\n// @4000A000 {0}\n"
-                    "// @4000B000 {1073741824}\n// @ {x}\n// plain comment\n// @4000A000 {1073741823}\n"}},
+         {{"o.hex",
+           "// Outputs\n// @4000a100 {16}\n// @40009000 {32}\n// @4000A000 {0}\n"
+           "// @4000B000 {1073741824}\n// @ {x}\n// plain comment\n// @4000A000 {1073741823}\n"}},
          "name=@DIR@\nout 40009000 size=32 idx=1\nout 4000A000 size=1073741823 idx=2\nout 4000a100 size=16 idx=0\n",
          {"load_comment():975 invalid out sz \n", "load_comment():966 sscanf fail\n"}},
         {"data must follow an @ line",
-         {{"d.hex", "@40000000\n// note between\n\n00000000_00000000_00000000_00000001\n// after data\n"
-                    "00000000_00000000_00000000_00000002\n\n00000000_00000000_00000000_00000003\n"
-                    "00000000_00000000_00000000_00000004\n"}},
+         {{"d.hex",
+           "@40000000\n// note between\n\n00000000_00000000_00000000_00000001\n// after data\n"
+           "00000000_00000000_00000000_00000002\n\n00000000_00000000_00000000_00000003\n"
+           "00000000_00000000_00000000_00000004\n"}},
          "name=@DIR@\ndata 40000000\n size=16 tmp=0 01000000000000000000000000000000\n",
          {"Warning: No '@' keyword before data\n"}},
         {"odd characters, short and long lines",
@@ -141,8 +143,11 @@ TEST(PatternLoad, Scenarios)
          "name=@DIR@\ndata 0\n size=16 tmp=0 01000000000000000000000000000000\n",
          {"Warning: No '@' keyword before data\n"}},
         {"a NUL second character ends the line's text: no data",
-         {{"n.hex", std::string("@40000000\n0\0" "112233_44556677_8899aabb_ccddeeff\n", 46) +
-                        "00000000_00000000_00000000_00000001\n"}},
+         {{"n.hex",
+           std::string("@40000000\n0\0"
+                       "112233_44556677_8899aabb_ccddeeff\n",
+                       46) +
+               "00000000_00000000_00000000_00000001\n"}},
          "name=@DIR@\ndata 40000000\n size=16 tmp=0 01000000000000000000000000000000\n",
          {}},
         {"a buffer's address text keeps 15 characters",
@@ -169,8 +174,9 @@ TEST(PatternLoad, Scenarios)
 TEST(PatternLoad, StateCarriesAcrossFiles)
 {
     std::string dir = make_tmp_dir("load_two_files");
-    write_file(dir + "/a.hex", "// Code\n@0\n00000000_00000000_00000000_00000000\n\n// Binding\n// 4 @1D900000\n"
-                               "// Temporary\n");
+    write_file(dir + "/a.hex",
+               "// Code\n@0\n00000000_00000000_00000000_00000000\n\n// Binding\n// 4 @1D900000\n"
+               "// Temporary\n");
     write_file(dir + "/b.hex", "@40000000\n00000000_00000000_00000000_00000000\n\n// Binding\n// 8 @1D900010\n");
     // Describes the second pattern: its buffers and code buffers.
     auto second = [&](std::vector<std::string> files) {
@@ -179,8 +185,9 @@ TEST(PatternLoad, StateCarriesAcrossFiles)
                    qoraPattern set(files, g, 1);
                    pattern* p = qora_pattern_access::patterns(set).back();
                    return std::to_string(p->buf_num) + " tmp=" + std::to_string(p->buf[0].is_tmp) +
-                          " codes=" + std::to_string(p->code_num);
-               }).result;
+                       " codes=" + std::to_string(p->code_num);
+               })
+            .result;
     };
     // After a.hex, b.hex inherits the pending "Temporary" and the binding
     // state (its relocation goes to table 2, which b has not: ignored).
@@ -218,7 +225,7 @@ TEST(PatternLoad, LargeBuffersGrowAndKeepEveryLine)
     }
     write_file(dir + "/big.hex", text);
     isolated_result r = run_isolated([&] {
-        std::vector<std::string> p{dir + "/big.hex"}, g;
+        std::vector<std::string> p {dir + "/big.hex"}, g;
         qoraPattern set(p, g, 1);
         buffer* b = set.get_pattern_data();
         uint32_t bad = 0;
@@ -236,9 +243,8 @@ TEST(PatternLoad, LongDirectoryNames)
     std::string top = make_tmp_dir("load_names");
     ASSERT_EQ(system(("mkdir -p '" + top + "/d'").c_str()), 0);
     write_file(top + "/d/p.hex", "// Output\n// @40000000 {16}\n");
-    isolated_result short_dir = run_isolated([&] {
-        return chdir(top.c_str()) == 0 ? load_and_describe({"d/p.hex"}, {}) : "no directory";
-    });
+    isolated_result short_dir =
+        run_isolated([&] { return chdir(top.c_str()) == 0 ? load_and_describe({"d/p.hex"}, {}) : "no directory"; });
     EXPECT_EQ(short_dir.result.substr(0, short_dir.result.find('\n')), "name=d"); // a one-character directory
     for (size_t n : {63, 64, 65, 100}) {
         std::string name(n, 'd');
@@ -262,7 +268,7 @@ TEST(PatternLoad, LimitsAreReportedAndBounded)
         text += "@4" + std::to_string(i) + "\n00000000_00000000_00000000_00000000\n\n";
     write_file(dir + "/limits.hex", text);
     isolated_result r = run_isolated([&] {
-        std::vector<std::string> p{dir + "/limits.hex"}, g;
+        std::vector<std::string> p {dir + "/limits.hex"}, g;
         qoraPattern set(p, g, 1);
         return std::to_string(set.get_pattern_binding_num(0)) + " " + std::to_string(set.get_pattern_data_num());
     });
@@ -284,17 +290,17 @@ TEST(PatternLoad, AllocationFailures)
     write_file(dir + "/one.hex", "@40000000\n00000000_00000000_00000000_00000001\n");
     isolated_result no_block = run_isolated([&] {
         pattern_malloc = [](size_t) -> void* { return nullptr; };
-        std::vector<std::string> p{dir + "/one.hex"}, g;
+        std::vector<std::string> p {dir + "/one.hex"}, g;
         qoraPattern set(p, g, 1);
         buffer* b = set.get_pattern_data();
         return std::to_string(set.get_pattern_data_num()) + " " + (b->data == nullptr ? "null " : "data ") +
-               std::to_string(b->size);
+            std::to_string(b->size);
     });
     EXPECT_EQ(no_block.result, "1 null 0");
     EXPECT_NE(no_block.out.find("Allocate memory FAIL\n"), std::string::npos);
     isolated_result no_growth = run_isolated([&] {
         pattern_realloc = [](void*, size_t) -> void* { return nullptr; };
-        std::vector<std::string> p{dir + "/p.hex"}, g;
+        std::vector<std::string> p {dir + "/p.hex"}, g;
         qoraPattern set(p, g, 1);
         buffer* b = set.get_pattern_data();
         return std::to_string(b->size) + " " + std::to_string(b->data[16368]);

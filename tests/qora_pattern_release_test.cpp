@@ -7,7 +7,8 @@
 
 #include "test_util.h"
 
-namespace {
+namespace
+{
 
 TEST(PatternRelease, KeptBlocksAreTheOnlyLeaks)
 {

@@ -14,13 +14,14 @@
 #include "qora_utils.h"
 #include "test_util.h"
 
-namespace {
+namespace
+{
 
 // Where two outputs part, with some context.
 std::string first_difference(const std::string& got, const std::string& want)
 {
     size_t at = std::mismatch(got.begin(), got.begin() + (long)std::min(got.size(), want.size()), want.begin()).first -
-                got.begin();
+        got.begin();
     size_t from = at < 60 ? 0 : at - 60;
     return "at " + std::to_string(at) + ":\n got: " + got.substr(from, 120) + "\nwant: " + want.substr(from, 120);
 }
@@ -32,8 +33,8 @@ const char* kFormat = "%2s%2s%2s%2s_%2s%2s%2s%2s_%2s%2s%2s%2s_%2s%2s%2s%2s";
 int reference_line(const char* line, bool golden, uint8_t data[16], uint8_t mask[16])
 {
     char t[16][3] = {};
-    int fields = sscanf(line, kFormat, t[0], t[1], t[2], t[3], t[4], t[5], t[6], t[7], t[8], t[9], t[10], t[11],
-                        t[12], t[13], t[14], t[15]);
+    int fields = sscanf(line, kFormat, t[0], t[1], t[2], t[3], t[4], t[5], t[6], t[7], t[8], t[9], t[10], t[11], t[12],
+                        t[13], t[14], t[15]);
     auto value = [golden](char c) { return golden && c == 'x' ? 0 : to_i_4bit(c); };
     auto kept = [golden](char c, int bits) { return golden && c == 'x' ? 0 : bits; };
     for (int k = 0; k < 16; k++) {
@@ -173,7 +174,7 @@ struct bar_model {
     uint32_t total, idx = 0, last = 0xFFFFFFFF;
     char bar[51] = {};
     std::string out;
-    explicit bar_model(uint32_t reads) : total(reads) {}
+    explicit bar_model(uint32_t reads) : total(reads) { }
     void step()
     {
         idx++;
@@ -206,9 +207,15 @@ std::string mixed_data(std::mt19937& rng, size_t lines, bool golden)
             i += n;
             continue;
         }
-        const char* odd[] = {"00112233_44556677_8899AABB_CCDDEEFF\r\n", "0011 2233_4455_6677_8899aabb_ccddeeff\n",
-                             "0x112233_44556677_8899aabb_ccddeexx\n", "12\n", "1234567\n", "12345678\n",
-                             "00112233_44556677_8899aabb_ccddeeff",  "// note\n", "\n"};
+        const char* odd[] = {"00112233_44556677_8899AABB_CCDDEEFF\r\n",
+                             "0011 2233_4455_6677_8899aabb_ccddeeff\n",
+                             "0x112233_44556677_8899aabb_ccddeexx\n",
+                             "12\n",
+                             "1234567\n",
+                             "12345678\n",
+                             "00112233_44556677_8899aabb_ccddeeff",
+                             "// note\n",
+                             "\n"};
         if (k < 190) {
             text += odd[k % 9];
         } else if (golden) {
@@ -230,7 +237,7 @@ TEST(HexRuns, PatternLoadMatchesPieceByPieceReading)
     std::mt19937 rng(21);
     std::string dir = make_tmp_dir("runs_pattern");
     std::string text = "// Data\n@40000000\n" + mixed_data(rng, 60000, false) + "@40100000\n" +
-                       mixed_data(rng, 20000, false) + "00112233_44556677_8899aabb_ccddeeff";
+        mixed_data(rng, 20000, false) + "00112233_44556677_8899aabb_ccddeeff";
     std::string path = dir + "/p.hex";
     write_file(path, text);
 
@@ -266,7 +273,7 @@ TEST(HexRuns, PatternLoadMatchesPieceByPieceReading)
     fclose(fp);
 
     isolated_result r = run_isolated([&] {
-        std::vector<std::string> p{path}, g;
+        std::vector<std::string> p {path}, g;
         qoraPattern set(p, g, 1);
         std::string bytes;
         for (uint32_t i = 0; i < set.get_pattern_data_num(); i++) {
@@ -290,8 +297,9 @@ TEST(HexRuns, GoldenLoadMatchesPieceByPieceReading)
     std::mt19937 rng(33);
     std::string dir = make_tmp_dir("runs_golden");
     const uint32_t kFirst = 1000000, kSecond = 300008; // the second ends inside a line
-    write_file(dir + "/p.hex", "// Output\n// @40000000 {" + std::to_string(kFirst) + "}\n// @50000000 {" +
-                                   std::to_string(kSecond) + "}\n");
+    write_file(dir + "/p.hex",
+               "// Output\n// @40000000 {" + std::to_string(kFirst) + "}\n// @50000000 {" + std::to_string(kSecond) +
+                   "}\n");
     std::string text = "@40000000\n" + mixed_data(rng, 75000, true) + "@50000000\n" + mixed_data(rng, 30000, true);
     std::string path = dir + "/g.hex";
     write_file(path, text);
@@ -331,7 +339,7 @@ TEST(HexRuns, GoldenLoadMatchesPieceByPieceReading)
     fclose(fp);
 
     isolated_result r = run_isolated([&] {
-        std::vector<std::string> p{dir + "/p.hex"}, g{path};
+        std::vector<std::string> p {dir + "/p.hex"}, g {path};
         qoraPattern set(p, g, 1);
         std::string bytes;
         for (uint32_t i = 0; i < set.get_pattern_golden_num(); i++) {

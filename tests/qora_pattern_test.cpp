@@ -7,7 +7,8 @@
 
 #include "test_util.h"
 
-namespace {
+namespace
+{
 
 using access = qora_pattern_access;
 
@@ -120,8 +121,8 @@ TEST(PatternModel, GoldenNumberingRunsAcrossGoldens)
         uint32_t index;
         uint32_t len;
         bool mask;
-    } cases[] = {{0, 10, true}, {1, 20, true}, {2, 30, true}, {3, 41, false}, {4, 52, true}, {5, 0, false},
-                 {0xFFFFFFFF, 0, false}};
+    } cases[] = {{0, 10, true}, {1, 20, true}, {2, 30, true},         {3, 41, false},
+                 {4, 52, true}, {5, 0, false}, {0xFFFFFFFF, 0, false}};
     for (const auto& c : cases) {
         EXPECT_EQ(set.get_pattern_golden_size(c.index), c.len) << c.index;
         EXPECT_EQ(set.get_pattern_golden_addr_mask(c.index) != nullptr, c.mask) << c.index;

@@ -8,7 +8,8 @@
 
 #include "test_util.h"
 
-namespace {
+namespace
+{
 
 const std::string kOutOfMemory = "qora_player: out of memory, the run did not complete\n";
 
@@ -19,9 +20,9 @@ struct limited_run {
 
 limited_run run_limited(const std::string& dir, long kib, const std::string& args)
 {
-    std::string cmd = "cd '" + dir + "' && ulimit -v " + std::to_string(kib) + " && exec " + QORA_PLAYER_PATH +
-                      " " + args + " >out.txt 2>err.txt";
-    limited_run r{system(cmd.c_str()), "", ""};
+    std::string cmd = "cd '" + dir + "' && ulimit -v " + std::to_string(kib) + " && exec " + QORA_PLAYER_PATH + " " +
+        args + " >out.txt 2>err.txt";
+    limited_run r {system(cmd.c_str()), "", ""};
     r.out = read_file(dir + "/out.txt");
     r.err = read_file(dir + "/err.txt");
     return r;
@@ -50,8 +51,9 @@ TEST(PlayerOutOfMemory, EndsWithOneLineAndStatusOne)
     if (std::string(QORA_PLAYER_PATH).find(' ') != std::string::npos)
         GTEST_SKIP() << "an emulator needs more address space than any limit here allows";
     std::string dir = make_tmp_dir("player_oom");
-    write_file(dir + "/big.hex", "// Output\n// @40009000 {1073741823}\n// Data\n@40000000\n" + hex_line(1, 0, 0, 0) +
-                                     "\n// Code\n@0\n" + hex_line(0, 0, 0, 0) + "\n");
+    write_file(dir + "/big.hex",
+               "// Output\n// @40009000 {1073741823}\n// Data\n@40000000\n" + hex_line(1, 0, 0, 0) + "\n// Code\n@0\n" +
+                   hex_line(0, 0, 0, 0) + "\n");
     write_file(dir + "/g.hex", "@40009000\n" + hex_line(1, 0, 0, 0) + hex_line(2, 0, 0, 0));
     std::string data = "// Output\n// @40009000 {32}\n// Data\n@40000000\n";
     std::string line = hex_line(1, 2, 3, 4);
@@ -60,11 +62,17 @@ TEST(PlayerOutOfMemory, EndsWithOneLineAndStatusOne)
         data += line;
     write_file(dir + "/data.hex", data + "\n// Code\n@0\n" + hex_line(0, 0, 0, 0) + "\n");
     const std::vector<OomCase> cases = {
-        {"a 1 GiB output: the loader's array, then the engine model's views", "-f big.hex -g g.hex",
-         {300000, 900000, 2200000, 4400000}, "] alloc output_buf 0 FAIL\n", true},
+        {"a 1 GiB output: the loader's array, then the engine model's views",
+         "-f big.hex -g g.hex",
+         {300000, 900000, 2200000, 4400000},
+         "] alloc output_buf 0 FAIL\n",
+         true},
         {"2147483647 copies of the built-in code", "-f Test -t 2147483647", {4000000}, "", true},
-        {"a 24 MiB data buffer: the loader, then the engine model", "-f data.hex",
-         {16000, 40000, 60000, 80000}, "] alloc 40000000\n FAIL\n", false},
+        {"a 24 MiB data buffer: the loader, then the engine model",
+         "-f data.hex",
+         {16000, 40000, 60000, 80000},
+         "] alloc 40000000\n FAIL\n",
+         false},
     };
     for (const OomCase& c : cases) {
         bool line_seen = false, reached_seen = false;

@@ -14,7 +14,8 @@
 #include "qora_test.h"
 #include "test_util.h"
 
-namespace {
+namespace
+{
 
 uint32_t setr(uint32_t reg)
 {
@@ -25,8 +26,8 @@ uint32_t move(uint32_t dst, uint32_t src, uint32_t len)
     return kvx_asm_regs(KVX_OP_MOVE, dst, src, len, 0);
 }
 
-const std::string kInput = hex_line(0x03020100, 0x07060504, 0x0b0a0908, 0x0f0e0d0c) +
-                           hex_line(0x13121110, 0x17161514, 0x1b1a1918, 0x1f1e1d1c);
+const std::string kInput =
+    hex_line(0x03020100, 0x07060504, 0x0b0a0908, 0x0f0e0d0c) + hex_line(0x13121110, 0x17161514, 0x1b1a1918, 0x1f1e1d1c);
 
 // Copies the 32-byte buffer at 40000000 to the output at 40009000, once per
 // code buffer; with `via_vlm` through the on-chip memory.
@@ -36,7 +37,7 @@ std::string copy_pattern(int code_buffers, bool via_vlm)
     std::string bindings;
     if (via_vlm) {
         code = hex_line(setr(0), 0, setr(1), 0) + hex_line(setr(2), 32, move(0, 1, 2), setr(3)) +
-               hex_line(0, move(3, 0, 2), 0, 0);
+            hex_line(0, move(3, 0, 2), 0, 0);
         bindings = "// 4 @1D900000\n// 12 @40000000\n// 32 @40009000\n";
     } else {
         code = hex_line(setr(0), 0, setr(1), 0) + hex_line(setr(2), 32, move(0, 1, 2), 0);
@@ -92,7 +93,7 @@ void PrintTo(const RunCase& c, std::ostream* os)
 
 RunCase play(const char* what, std::string args, int rc)
 {
-    return RunCase{what, std::move(args), rc, {}, {}, {}, {}};
+    return RunCase {what, std::move(args), rc, {}, {}, {}, {}};
 }
 
 std::string replace_all(std::string text, const std::string& from, const std::string& to)
@@ -116,7 +117,8 @@ std::string case_name(const testing::TestParamInfo<RunCase>& info)
     return name;
 }
 
-class RunMode : public testing::Test {
+class RunMode : public testing::Test
+{
 protected:
     void SetUp() override
     {
@@ -128,11 +130,13 @@ protected:
         write_file(dir + "/two.hex", copy_pattern(2, false));
         write_file(dir + "/vlm.hex", copy_pattern(1, true));
         write_file(dir + "/gold.hex", "@40009000\n" + kInput);
-        write_file(dir + "/bad.hex", "@40009000\n" + hex_line(0x03020100, 0x07060504, 0x0b0a0908, 0x0f0e0d0c) +
-                                         hex_line(0x13121110, 0x17161414, 0x1b1a1918, 0x1f1e1d1c));
+        write_file(dir + "/bad.hex",
+                   "@40009000\n" + hex_line(0x03020100, 0x07060504, 0x0b0a0908, 0x0f0e0d0c) +
+                       hex_line(0x13121110, 0x17161414, 0x1b1a1918, 0x1f1e1d1c));
         // Code that finishes flow 7, then meets an unknown opcode.
-        write_file(dir + "/fault.hex", "// Output\n// @40009000 {32}\n// Data\n@40000000\n" + kInput +
-                                           "\n// Code\n@0\n" + hex_line(0x070108, 0x1F7, 0, 0) + "\n");
+        write_file(dir + "/fault.hex",
+                   "// Output\n// @40009000 {32}\n// Data\n@40000000\n" + kInput + "\n// Code\n@0\n" +
+                       hex_line(0x070108, 0x1F7, 0, 0) + "\n");
         write_file(dir + "/no_out.hex", "@40000000\n" + kInput + "\n");
         write_file(dir + "/no_data.hex", "// Output\n// @40009000 {32}\n// Code\n@0\n" + hex_line(0, 0, 0, 0) + "\n");
         write_file(dir + "/short.bin",
@@ -147,10 +151,7 @@ protected:
         (void)!system(("mkdir -p '" + dir + "/ro/output0_0.bin'").c_str());
     }
 
-    std::string in_dir(const std::string& text) const
-    {
-        return replace_all(replace_all(text, "$D", dir), "$N", name);
-    }
+    std::string in_dir(const std::string& text) const { return replace_all(replace_all(text, "$D", dir), "$N", name); }
 
     void check(const RunCase& c)
     {
@@ -172,7 +173,8 @@ protected:
     std::string dir;
 };
 
-class RunTable : public RunMode, public testing::WithParamInterface<RunCase> {
+class RunTable : public RunMode, public testing::WithParamInterface<RunCase>
+{
 };
 
 TEST_P(RunTable, Plays)
@@ -292,7 +294,9 @@ const std::string kCopyBoost = kCopy + "-b 100 --delay_off 3 ";
 INSTANTIATE_TEST_SUITE_P(
     MiddlewareFailures, RunTable,
     testing::Values(
-        play("no session", kCopyBoost, 1).with(fail("korvexSession_createInstance:1")).prints({"] No korvex session!\n"}),
+        play("no session", kCopyBoost, 1)
+            .with(fail("korvexSession_createInstance:1"))
+            .prints({"] No korvex session!\n"}),
         play("no cores", kCopyBoost, 1).with("KVX_MODEL_CORES=0").prints({"] no qora device registered!\n"}),
         play("data buffer", kCopyBoost, 1).with(fail("korvexSession_memAlloc:1")).prints({"] alloc 40000000\n FAIL\n"}),
         play("output buffer", kCopyBoost, 1)
@@ -318,7 +322,9 @@ INSTANTIATE_TEST_SUITE_P(
             .with(fail("korvexSession_cmdBufAlloc:6"))
             .prints({"alloc command buffer (pmu_res/buf) fail\n", "success"})
             .lacks({"pmu freq"}),
-        play("command", kCopyBoost, 1).with(fail("korvexSession_createCmd:1")).prints({"] Create korvex command FAIL!"}),
+        play("command", kCopyBoost, 1)
+            .with(fail("korvexSession_createCmd:1"))
+            .prints({"] Create korvex command FAIL!"}),
         play("command parameter", kCopyBoost, 0)
             .with(fail("korvexCmd_setParam:1"))
             .prints({"setParam delay power off: Fail\n", "success"}),
@@ -328,7 +334,9 @@ INSTANTIATE_TEST_SUITE_P(
         play("attach", kCopyBoost, 1)
             .with(fail("korvexSubCmd_addCmdBuf:2"))
             .traces({"korvexSession_deleteCmd(session#1, cmd#1) = 0"}),
-        play("boost", kCopyBoost, 0).with(fail("korvexSubCmd_setParam:1")).prints({"setParam boost value: Fail\n", "success"}),
+        play("boost", kCopyBoost, 0)
+            .with(fail("korvexSubCmd_setParam:1"))
+            .prints({"setParam boost value: Fail\n", "success"}),
         play("build", kCopyBoost, 1)
             .with(fail("korvexCmd_build:1"))
             .traces({"korvexSession_deleteCmd(session#1, cmd#1) = 0"})
@@ -386,8 +394,12 @@ INSTANTIATE_TEST_SUITE_P(
         play("affinity refused", kCopy + "-c 1", 0)
             .with(fail("korvexSubCmd_setParam:1"))
             .prints({"] setParam core affinity: Fail\n"}),
-        play("soft limit refused", kCopy + "-o 5", 0).with(fail("korvexCmd_setParam:1")).prints({"] setParam soft limit: Fail\n"}),
-        play("hard limit refused", kCopy + "-a 5", 0).with(fail("korvexCmd_setParam:1")).prints({"] setParam hard limit: Fail\n"}),
+        play("soft limit refused", kCopy + "-o 5", 0)
+            .with(fail("korvexCmd_setParam:1"))
+            .prints({"] setParam soft limit: Fail\n"}),
+        play("hard limit refused", kCopy + "-a 5", 0)
+            .with(fail("korvexCmd_setParam:1"))
+            .prints({"] setParam hard limit: Fail\n"}),
         play("performance mode refused", kCopy + "--perf_mode", 0)
             .with(fail("korvexCmd_setParam:1"))
             .prints({"] setParam performance mode: Fail\n"}),
@@ -452,12 +464,22 @@ TEST_F(RunMode, FaultSweep)
         calls[l.substr(0, l.find('('))]++;
     // Operations whose failure always ends the run, and those only warned about.
     const std::map<std::string, int> result = {
-        {"korvexSession_createInstance", 1}, {"korvexSession_memAlloc", 1},
-        {"korvexSession_createCmd", 1},      {"korvexCmd_createSubcmd", 1},       {"korvexSubCmd_addCmdBuf", 1},
-        {"korvexCmd_build", 1},              {"korvexCmd_run", 1},                {"korvexCmd_setParam", 0},
-        {"korvexSubCmd_setParam", 0},        {"korvexSubCmd_getRunInfo", 0},      {"korvexSession_memInvalidate", 0},
-        {"korvexSession_deleteCmd", 0},      {"korvexSession_memFree", 0},        {"korvexSession_cmdBufFree", 0},
-        {"korvexSession_deleteInstance", 0}, {"korvexCmd_setDependencyPack", 0},
+        {"korvexSession_createInstance", 1},
+        {"korvexSession_memAlloc", 1},
+        {"korvexSession_createCmd", 1},
+        {"korvexCmd_createSubcmd", 1},
+        {"korvexSubCmd_addCmdBuf", 1},
+        {"korvexCmd_build", 1},
+        {"korvexCmd_run", 1},
+        {"korvexCmd_setParam", 0},
+        {"korvexSubCmd_setParam", 0},
+        {"korvexSubCmd_getRunInfo", 0},
+        {"korvexSession_memInvalidate", 0},
+        {"korvexSession_deleteCmd", 0},
+        {"korvexSession_memFree", 0},
+        {"korvexSession_cmdBufFree", 0},
+        {"korvexSession_deleteInstance", 0},
+        {"korvexCmd_setDependencyPack", 0},
     };
     int runs = 0;
     for (const auto& op : calls) {

@@ -8,7 +8,8 @@
 #include "qora_utils.h"
 #include "test_util.h"
 
-namespace {
+namespace
+{
 
 std::string usage_text()
 {
@@ -18,7 +19,8 @@ std::string usage_text()
 const char* kWarnCore = "[W:parser_options:221] -c QORA core id option needs to be positive\n";
 const char* kVersion = "qora player version : " QORA_EXPECTED_VERSION "\n";
 
-class Options : public testing::Test {
+class Options : public testing::Test
+{
 protected:
     void SetUp() override { reset_settings(); }
     void TearDown() override { reset_settings(); }
@@ -93,10 +95,12 @@ TEST_F(Options, StoredSettings)
         {{"-c", "-1", "-h"}, [] { return core_id == 0; }},
         {{"-c", "11", "-h"}, [] { return core_id == 11; }},
         {{"-p", "0x11708", "-p", "1708", "-p", "ff", "-h"},
-         [] { return pmu_events == std::vector<uint16_t>{0x1708, 0x1708, 0xff}; }},
-        {{"-h", "-f", "a.hex"}, [] { return pattern_list == std::vector<std::string>{"a.hex"}; }},
+         [] {
+             return pmu_events == std::vector<uint16_t> {0x1708, 0x1708, 0xff};
+         }},
+        {{"-h", "-f", "a.hex"}, [] { return pattern_list == std::vector<std::string> {"a.hex"}; }},
         {{"-f", "a", "-f", "b", "-g", "g1", "-h"},
-         [] { return pattern_list.size() == 2 && golden_list == std::vector<std::string>{"g1"}; }},
+         [] { return pattern_list.size() == 2 && golden_list == std::vector<std::string> {"g1"}; }},
         {{"--gen", "a", "--gen", "b", "-h"}, [] { return gen_hdr_name == "b"; }},
         {{"--gen_fw", "x.elf", "-B", "log", "-h"}, [] { return fw_elf == "x.elf" && hex2bin == "log"; }},
         {{"-b", "-1", "-o", "7", "-a", "8", "-t", "4", "-d", "5", "-h"},
@@ -121,8 +125,8 @@ TEST_F(Options, SettingsPersistAcrossCalls)
     std::string out;
     call_entry({"-f", "a.hex", "-p", "1", "-h"}, &out);
     call_entry({"-f", "b.hex", "-p", "2"}, &out); // do_nothing from the first call still holds
-    EXPECT_EQ(pattern_list, (std::vector<std::string>{"a.hex", "b.hex"}));
-    EXPECT_EQ(pmu_events, (std::vector<uint16_t>{1, 2}));
+    EXPECT_EQ(pattern_list, (std::vector<std::string> {"a.hex", "b.hex"}));
+    EXPECT_EQ(pmu_events, (std::vector<uint16_t> {1, 2}));
     EXPECT_TRUE(out.empty());
 }
 

@@ -15,7 +15,8 @@
 
 #include "test_util.h"
 
-namespace {
+namespace
+{
 
 bool exists(const std::string& path)
 {
@@ -61,9 +62,10 @@ TEST(RunScript, KeepsTheCallersDirectory)
     write_file(tree + "/tools/install-deps.sh", "#!/bin/sh\necho installing\n");
     write_file(bin + "/cmake", "#!/bin/sh\necho cmake \"$@\"\n");
     write_file(tree + "/build/qora_player", "#!/bin/sh\nexec " + player_command() + " \"$@\"\n");
-    ASSERT_EQ(system(("chmod +x " + tree + "/tools/install-deps.sh " + bin + "/cmake " + tree + "/build/qora_player")
-                         .c_str()),
-              0);
+    ASSERT_EQ(
+        system(
+            ("chmod +x " + tree + "/tools/install-deps.sh " + bin + "/cmake " + tree + "/build/qora_player").c_str()),
+        0);
     ASSERT_EQ(system((std::string(QORA_AUTHOR_CMD) + " " + user + " >/dev/null").c_str()), 0);
     std::string golden = read_file(user + "/conv2d_uint8/golden.bin");
     golden[100] ^= 1;

@@ -24,7 +24,7 @@ std::string capture_stdout(const std::function<void()>& fn)
 
 int call_entry(const std::vector<std::string>& args, std::string* out)
 {
-    std::vector<std::string> storage{"qora_player"};
+    std::vector<std::string> storage {"qora_player"};
     storage.insert(storage.end(), args.begin(), args.end());
     std::vector<char*> argv;
     for (std::string& s : storage)
@@ -43,7 +43,7 @@ int run_player(const std::string& args, std::string* out, bool with_stderr, cons
     const std::string& settings = env;
 #endif
     std::string cmd = (settings.empty() ? "" : "env " + settings + " ") + std::string(QORA_PLAYER_PATH) + " " + args +
-                      (with_stderr ? " 2>&1" : " 2>/dev/null");
+        (with_stderr ? " 2>&1" : " 2>/dev/null");
     FILE* fp = popen(cmd.c_str(), "r");
     if (fp == nullptr)
         return -1;
@@ -104,7 +104,7 @@ isolated_result run_isolated(const std::function<std::string()>& fn)
     }
     int status = 0;
     waitpid(pid, &status, 0);
-    isolated_result r{read_file(out_path), read_file(res_path)};
+    isolated_result r {read_file(out_path), read_file(res_path)};
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
         r.result += "<child failed>";
     close(out_fd);
@@ -162,16 +162,16 @@ std::string describe_set(qoraPattern& set)
         }
         buffer* bufs = set.get_pattern_data();
         for (uint32_t i = 0; i < set.get_pattern_data_num() && i < MAX_DATA_NUM; i++)
-            d << "data " << bufs[i].data_addr_str << " size=" << bufs[i].size << " tmp=" << bufs[i].is_tmp
-              << " " << hex_bytes(bufs[i].data, std::min<uint32_t>(bufs[i].size, 32)) << "\n";
+            d << "data " << bufs[i].data_addr_str << " size=" << bufs[i].size << " tmp=" << bufs[i].is_tmp << " "
+              << hex_bytes(bufs[i].data, std::min<uint32_t>(bufs[i].size, 32)) << "\n";
     }
     for (output* o : qora_pattern_access::outputs(set))
         d << "out " << o->name << " size=" << o->size << " idx=" << o->idx << "\n";
     for (uint32_t g = 0; g < set.get_pattern_golden_num(); g++) {
         uint32_t len = set.get_pattern_golden_size(g);
         uint8_t* mask = set.get_pattern_golden_addr_mask(g);
-        d << "golden" << g << " " << get_sub_golden(qora_pattern_access::goldens(set), g)->name << " len=" << len
-          << " " << hex_bytes(set.get_pattern_golden_addr(g), std::min<uint32_t>(len, 32));
+        d << "golden" << g << " " << get_sub_golden(qora_pattern_access::goldens(set), g)->name << " len=" << len << " "
+          << hex_bytes(set.get_pattern_golden_addr(g), std::min<uint32_t>(len, 32));
         if (mask != nullptr)
             d << " mask=" << hex_bytes(mask, std::min<uint32_t>(len, 32));
         d << "\n";

@@ -10,7 +10,7 @@
 # arm64 board, cpio for its ramdisk, and busybox for the LAVA run script's
 # tests.
 set -euo pipefail
-packages=(cmake g++ make pkg-config libgtest-dev googletest libbenchmark-dev binutils-riscv64-unknown-elf time
+packages=(cmake g++ make pkg-config clang-format libgtest-dev googletest libbenchmark-dev binutils-riscv64-unknown-elf time
           python3 python3-numpy python3-matplotlib python3-pytest python3-junitparser python3-hypothesis python3-yaml)
 update=0
 if [ "${QORA_CROSS:-0}" = 1 ]; then

@@ -14,7 +14,8 @@
 
 #include <strings.h>
 
-namespace {
+namespace
+{
 
 struct insn {
     uint32_t code;
@@ -30,8 +31,8 @@ const insn kInstructions[] = {KVX_INSTRUCTIONS(KVX_ASM_ROW)};
 #undef KVX_ASM_ROW
 
 // Only NOP and SETR choose their length; every other form is one word.
-#define KVX_ASM_ONE_WORD(code, name, length, form, effect, work)                                  \
-    static_assert(((length) == 1) == ((form) != KVX_FORM_LENGTH && (form) != KVX_FORM_SETR), \
+#define KVX_ASM_ONE_WORD(code, name, length, form, effect, work)                                                       \
+    static_assert(((length) == 1) == ((form) != KVX_FORM_LENGTH && (form) != KVX_FORM_SETR),                           \
                   #name " must be one word exactly when its form has no length");
 KVX_INSTRUCTIONS(KVX_ASM_ONE_WORD)
 #undef KVX_ASM_ONE_WORD
@@ -42,7 +43,7 @@ struct asm_error {
 
 [[noreturn]] void fail(const std::string& message)
 {
-    throw asm_error{message};
+    throw asm_error {message};
 }
 
 const insn* by_code(uint32_t code)
@@ -172,15 +173,12 @@ void emit(const insn& in, const statement& st, std::vector<uint32_t>& out)
         out.resize(out.size() + len - 1, 0);
         return;
     }
-    case KVX_FORM_SETR:
-        emit_setr(st, out);
-        return;
+    case KVX_FORM_SETR: emit_setr(st, out); return;
     case KVX_FORM_IMM:
         expect(st, 1);
         out.push_back(kvx_asm_header(in.code, 1, number(st.operands[0], 0, 0xFFFF)));
         return;
-    default:
-        emit_regs(in, st, out);
+    default: emit_regs(in, st, out);
     }
 }
 
@@ -236,20 +234,16 @@ std::string text_of(const insn& in, const uint32_t* words, uint32_t len)
 {
     uint32_t imm = words[0] >> 16;
     switch (in.form) {
-    case KVX_FORM_NONE:
-        return in.name;
-    case KVX_FORM_LENGTH:
-        return std::string(in.name) + " " + std::to_string(len);
+    case KVX_FORM_NONE: return in.name;
+    case KVX_FORM_LENGTH: return std::string(in.name) + " " + std::to_string(len);
     case KVX_FORM_SETR: {
         std::string text = std::string(in.name) + reg_list(imm, 1);
         for (uint32_t i = 1; i < len; i++)
             text += ", " + hex_word(words[i]);
         return text;
     }
-    case KVX_FORM_IMM:
-        return std::string(in.name) + " " + std::to_string(imm);
-    default:
-        return in.name + reg_list(imm, (size_t)(in.form - KVX_FORM_REGS1) + 1);
+    case KVX_FORM_IMM: return std::string(in.name) + " " + std::to_string(imm);
+    default: return in.name + reg_list(imm, (size_t)(in.form - KVX_FORM_REGS1) + 1);
     }
 }
 
@@ -277,7 +271,7 @@ decoded decode(const uint32_t* words, uint32_t count, uint32_t at)
     uint32_t len = in != nullptr && in->code == KVX_OP_END ? 1 : (words[at] >> 8) & 0xFF;
     if (in == nullptr || len == 0 || len > count - at)
         return {0, "", false};
-    decoded d{len, text_of(*in, words + at, len), false};
+    decoded d {len, text_of(*in, words + at, len), false};
     std::vector<uint32_t> again;
     try {
         assemble_line(d.text, again);

@@ -72,8 +72,7 @@ static inline uint32_t kvx_asm_end(void)
 /* Assembles `text` into words[0..capacity). Returns 0 and the word count,
  * or -1 with "line N: message" in `error` (cut to error_size; error may be
  * null). With words null only the count is made (capacity is not checked). */
-int kvx_assemble(const char* text, uint32_t* words, uint32_t capacity, uint32_t* count, char* error,
-                 size_t error_size);
+int kvx_assemble(const char* text, uint32_t* words, uint32_t capacity, uint32_t* count, char* error, size_t error_size);
 
 /* Writes the listing of words[0..count) to `out`, NUL-terminated. Returns 0,
  * or -1 when it does not fit in out_size bytes. */

@@ -25,7 +25,8 @@
 #include "kvx_asm.h"
 #include "qora_version.h"
 
-namespace {
+namespace
+{
 
 const char kUsage[] = "usage: kvx_asm [-o FILE] SOURCE    assemble SOURCE into code lines\n"
                       "       kvx_asm [-o FILE] -d FILE   list the code buffers of the pattern FILE\n"
@@ -183,7 +184,7 @@ bool read_buffers(const std::string& text, std::vector<pattern_buffer>* buffers)
             open = true;
         } else if (open || buffers->empty()) {
             if (buffers->empty())
-                buffers->push_back(pattern_buffer{"", true, 0, {}});
+                buffers->push_back(pattern_buffer {"", true, 0, {}});
             pattern_buffer& b = buffers->back();
             b.bytes += 16;
             if (!b.code)

@@ -16,7 +16,8 @@
 #include "kvx_hooks.h"
 #include "kvx_model.h"
 
-namespace {
+namespace
+{
 
 std::set<korvex_session*> g_sessions;
 std::set<korvex_cmd*> g_cmds;
@@ -37,8 +38,7 @@ bool live(korvex_subcmd* c)
 }
 
 // A handle's trace name; a handle the model never gave out is not read.
-template <typename Handle>
-std::string name_of(Handle* h, const char* kind)
+template <typename Handle> std::string name_of(Handle* h, const char* kind)
 {
     if (h == nullptr)
         return "null";
@@ -105,22 +105,19 @@ const param_rule kSubParams[] = {
     {SC_PARAM_CORE_AFFINITY, "SC_PARAM_CORE_AFFINITY", kU32Max},
 };
 
-template <size_t N>
-const param_rule* find_rule(const param_rule (&rules)[N], int type)
+template <size_t N> const param_rule* find_rule(const param_rule (&rules)[N], int type)
 {
     auto it = std::find_if(std::begin(rules), std::end(rules), [type](const param_rule& r) { return r.type == type; });
     return it == std::end(rules) ? nullptr : it;
 }
 
-template <size_t N>
-std::string param_name(const param_rule (&rules)[N], int type)
+template <size_t N> std::string param_name(const param_rule (&rules)[N], int type)
 {
     const param_rule* r = find_rule(rules, type);
     return r != nullptr ? r->name : std::to_string(type);
 }
 
-template <size_t N>
-bool param_in_range(const param_rule (&rules)[N], int type, uint64_t value)
+template <size_t N> bool param_in_range(const param_rule (&rules)[N], int type, uint64_t value)
 {
     const param_rule* r = find_rule(rules, type);
     return r != nullptr && value <= r->max;
@@ -136,15 +133,20 @@ bool cores_exist(uint64_t mask)
 
 std::string runinfo_name(int t)
 {
-    return enum_name(t, {{SC_RUNINFO_IPTIME, "SC_RUNINFO_IPTIME"}, {SC_RUNINFO_DRIVERTIME, "SC_RUNINFO_DRIVERTIME"},
-                         {SC_RUNINFO_BANDWIDTH, "SC_RUNINFO_BANDWIDTH"}, {KVX_RUNINFO_CAUSE, "KVX_RUNINFO_CAUSE"},
-                         {KVX_RUNINFO_DETAIL, "KVX_RUNINFO_DETAIL"}});
+    return enum_name(t,
+                     {{SC_RUNINFO_IPTIME, "SC_RUNINFO_IPTIME"},
+                      {SC_RUNINFO_DRIVERTIME, "SC_RUNINFO_DRIVERTIME"},
+                      {SC_RUNINFO_BANDWIDTH, "SC_RUNINFO_BANDWIDTH"},
+                      {KVX_RUNINFO_CAUSE, "KVX_RUNINFO_CAUSE"},
+                      {KVX_RUNINFO_DETAIL, "KVX_RUNINFO_DETAIL"}});
 }
 
 std::string direction_name(int d)
 {
-    return enum_name(d, {{KORVEX_CB_BIDIRECTIONAL, "KORVEX_CB_BIDIRECTIONAL"}, {KORVEX_CB_IN, "KORVEX_CB_IN"},
-                         {KORVEX_CB_OUT, "KORVEX_CB_OUT"}});
+    return enum_name(d,
+                     {{KORVEX_CB_BIDIRECTIONAL, "KORVEX_CB_BIDIRECTIONAL"},
+                      {KORVEX_CB_IN, "KORVEX_CB_IN"},
+                      {KORVEX_CB_OUT, "KORVEX_CB_OUT"}});
 }
 
 std::string device_name(int t)
@@ -154,12 +156,12 @@ std::string device_name(int t)
 
 std::string info_name(int t)
 {
-    return enum_name(t, {{KORVEX_MEM_INFO_GET_SIZE, "KORVEX_MEM_INFO_GET_SIZE"},
-                         {KORVEX_MEM_INFO_GET_DEVICE_VA, "KORVEX_MEM_INFO_GET_DEVICE_VA"}});
+    return enum_name(t,
+                     {{KORVEX_MEM_INFO_GET_SIZE, "KORVEX_MEM_INFO_GET_SIZE"},
+                      {KORVEX_MEM_INFO_GET_DEVICE_VA, "KORVEX_MEM_INFO_GET_DEVICE_VA"}});
 }
 
-template <typename... Args>
-std::string join(const Args&... args)
+template <typename... Args> std::string join(const Args&... args)
 {
     std::string out;
     for (const std::string& a : {std::string(args)...})
@@ -171,7 +173,6 @@ std::string num(uint64_t v)
 {
     return std::to_string(v);
 }
-
 
 void delete_cmd(korvex_cmd* cmd)
 {
@@ -203,8 +204,7 @@ struct process_end {
 
 // A call's answer: what `work` returns, or `failure` when memory (or
 // anything else) gives out inside it.
-template <typename Result, typename Work>
-Result guarded(Result failure, Work work) noexcept
+template <typename Result, typename Work> Result guarded(Result failure, Work work) noexcept
 {
     try {
         return work();
@@ -215,16 +215,14 @@ Result guarded(Result failure, Work work) noexcept
 
 // A call's arguments for the trace, built only when a trace is asked for
 // and before the work, while every handle still has its name.
-template <typename Args>
-std::string trace_args(Args args)
+template <typename Args> std::string trace_args(Args args)
 {
     return kvx::tracing() ? args() : std::string();
 }
 
 // Appends "<op>(<args>) = <result>" after the work is done. A line that
 // cannot be made for want of memory is left out: the call did its work.
-template <typename Result>
-void trace(const char* op, const std::string& args, Result result) noexcept
+template <typename Result> void trace(const char* op, const std::string& args, Result result) noexcept
 {
     if (!kvx::tracing())
         return;
@@ -236,8 +234,7 @@ void trace(const char* op, const std::string& args, Result result) noexcept
 
 // An int-returning call under the hooks: -1 when it is to fail, 0 without
 // its work when it is to be dropped; otherwise 0 when `work` succeeds.
-template <typename Args, typename Work>
-int hooked(const char* op, Args args, Work work) noexcept
+template <typename Args, typename Work> int hooked(const char* op, Args args, Work work) noexcept
 {
     return guarded(-1, [&] {
         std::string line = trace_args(args);
@@ -353,15 +350,17 @@ korvex_session_t* korvexSession_createInstance(void)
 
 int korvexSession_deleteInstance(korvex_session_t* session)
 {
-    return hooked(__func__, [&] { return name_of(session); }, [&] {
-        if (!live(session))
-            return false;
-        while (!session->cmds.empty())
-            delete_cmd(session->cmds.back());
-        g_sessions.erase(session);
-        delete session;
-        return true;
-    });
+    return hooked(
+        __func__, [&] { return name_of(session); },
+        [&] {
+            if (!live(session))
+                return false;
+            while (!session->cmds.empty())
+                delete_cmd(session->cmds.back());
+            g_sessions.erase(session);
+            delete session;
+            return true;
+        });
 }
 
 // The lambdas below see enumeration arguments as int: a caller may pass any
@@ -381,8 +380,7 @@ uint64_t korvexSession_queryDeviceNum(korvex_session_t* session, korvex_device_t
 }
 
 // DRAM takes one of the allocation flags; the VLM handle none.
-static void* alloc_memory(korvex_session* session, unsigned int size, unsigned int align, int type,
-                          uint64_t flags)
+static void* alloc_memory(korvex_session* session, unsigned int size, unsigned int align, int type, uint64_t flags)
 {
     if (type == KORVEX_MEM_TYPE_DRAM && flags <= KORVEX_MEM_HIGHADDR)
         return session->mem.alloc(size, align, false, flags == KORVEX_MEM_HIGHADDR);
@@ -391,14 +389,14 @@ static void* alloc_memory(korvex_session* session, unsigned int size, unsigned i
     return nullptr;
 }
 
-void* korvexSession_memAlloc(korvex_session_t* session, unsigned int size, unsigned int align,
-                             korvex_mem_type type_arg, uint64_t flags)
+void* korvexSession_memAlloc(korvex_session_t* session, unsigned int size, unsigned int align, korvex_mem_type type_arg,
+                             uint64_t flags)
 {
     const char* op = __func__;
     const int type = type_arg;
     return guarded<void*>(nullptr, [&] {
-        std::string args = trace_args(
-            [&] { return join(name_of(session), num(size), num(align), mem_type_name(type), num(flags)); });
+        std::string args =
+            trace_args([&] { return join(name_of(session), num(size), num(align), mem_type_name(type), num(flags)); });
         void* p = nullptr;
         if (!kvx::hook_fail(op) && live(session))
             p = named_buffer(session, alloc_memory(session, size, align, type, flags), "mem#", &g_mem_ids, false);
@@ -409,12 +407,14 @@ void* korvexSession_memAlloc(korvex_session_t* session, unsigned int size, unsig
 
 int korvexSession_memFree(korvex_session_t* session, void* host_ptr)
 {
-    return hooked(__func__, [&] { return join(name_of(session), name_of_buffer(session, host_ptr)); }, [&] {
-        if (!live(session) || !session->mem.release(host_ptr, false))
-            return false;
-        session->names.erase(host_ptr);
-        return true;
-    });
+    return hooked(
+        __func__, [&] { return join(name_of(session), name_of_buffer(session, host_ptr)); },
+        [&] {
+            if (!live(session) || !session->mem.release(host_ptr, false))
+                return false;
+            session->names.erase(host_ptr);
+            return true;
+        });
 }
 
 uint64_t korvexSession_memGetInfoFromHostPtr(korvex_session_t* session, void* host_ptr, korvex_mem_info info_arg)
@@ -437,14 +437,16 @@ uint64_t korvexSession_memGetInfoFromHostPtr(korvex_session_t* session, void* ho
 
 int korvexSession_memFlush(korvex_session_t* session, void* host_ptr)
 {
-    return hooked(__func__, [&] { return join(name_of(session), name_of_buffer(session, host_ptr)); },
-                  [&] { return live(session) && session->mem.flush(host_ptr); });
+    return hooked(
+        __func__, [&] { return join(name_of(session), name_of_buffer(session, host_ptr)); },
+        [&] { return live(session) && session->mem.flush(host_ptr); });
 }
 
 int korvexSession_memInvalidate(korvex_session_t* session, void* host_ptr)
 {
-    return hooked(__func__, [&] { return join(name_of(session), name_of_buffer(session, host_ptr)); },
-                  [&] { return live(session) && session->mem.invalidate(host_ptr); });
+    return hooked(
+        __func__, [&] { return join(name_of(session), name_of_buffer(session, host_ptr)); },
+        [&] { return live(session) && session->mem.invalidate(host_ptr); });
 }
 
 void* korvexSession_cmdBufAlloc(korvex_session_t* session, uint32_t size, uint32_t align)
@@ -462,12 +464,14 @@ void* korvexSession_cmdBufAlloc(korvex_session_t* session, uint32_t size, uint32
 
 int korvexSession_cmdBufFree(korvex_session_t* session, void* cmd_buf)
 {
-    return hooked(__func__, [&] { return join(name_of(session), name_of_buffer(session, cmd_buf)); }, [&] {
-        if (!live(session) || !session->mem.release(cmd_buf, true))
-            return false;
-        session->names.erase(cmd_buf);
-        return true;
-    });
+    return hooked(
+        __func__, [&] { return join(name_of(session), name_of_buffer(session, cmd_buf)); },
+        [&] {
+            if (!live(session) || !session->mem.release(cmd_buf, true))
+                return false;
+            session->names.erase(cmd_buf);
+            return true;
+        });
 }
 
 korvex_cmd_t* korvexSession_createCmd(korvex_session_t* session)
@@ -483,23 +487,27 @@ korvex_cmd_t* korvexSession_createCmd(korvex_session_t* session)
 
 int korvexSession_deleteCmd(korvex_session_t* session, korvex_cmd_t* cmd)
 {
-    return hooked(__func__, [&] { return join(name_of(session), name_of(cmd)); }, [&] {
-        if (!live(session) || !live(cmd) || cmd->session != session)
-            return false;
-        delete_cmd(cmd);
-        return true;
-    });
+    return hooked(
+        __func__, [&] { return join(name_of(session), name_of(cmd)); },
+        [&] {
+            if (!live(session) || !live(cmd) || cmd->session != session)
+                return false;
+            delete_cmd(cmd);
+            return true;
+        });
 }
 
 int korvexCmd_setParam(korvex_cmd_t* cmd, korvex_cmd_param_type type_arg, uint64_t value)
 {
     const int type = type_arg;
-    return hooked(__func__, [&] { return join(name_of(cmd), param_name(kCmdParams, type), num(value)); }, [&] {
-        if (!live(cmd) || cmd->built || !param_in_range(kCmdParams, type, value))
-            return false;
-        cmd->params[type] = value;
-        return true;
-    });
+    return hooked(
+        __func__, [&] { return join(name_of(cmd), param_name(kCmdParams, type), num(value)); },
+        [&] {
+            if (!live(cmd) || cmd->built || !param_in_range(kCmdParams, type, value))
+                return false;
+            cmd->params[type] = value;
+            return true;
+        });
 }
 
 korvex_subcmd_t* korvexCmd_createSubcmd(korvex_cmd_t* cmd, korvex_device_type type_arg)
@@ -518,41 +526,48 @@ korvex_subcmd_t* korvexCmd_createSubcmd(korvex_cmd_t* cmd, korvex_device_type ty
 
 int korvexCmd_setDependencyPack(korvex_cmd_t* cmd, korvex_subcmd_t* first, korvex_subcmd_t* second)
 {
-    return hooked(__func__, [&] { return join(name_of(cmd), name_of(first), name_of(second)); }, [&] {
-        if (!live(cmd) || cmd->built || !live(first) || !live(second) || first->cmd != cmd ||
-            second->cmd != cmd || first == second)
-            return false;
-        cmd->packs.emplace_back(first, second);
-        return true;
-    });
+    return hooked(
+        __func__, [&] { return join(name_of(cmd), name_of(first), name_of(second)); },
+        [&] {
+            if (!live(cmd) || cmd->built || !live(first) || !live(second) || first->cmd != cmd || second->cmd != cmd ||
+                first == second)
+                return false;
+            cmd->packs.emplace_back(first, second);
+            return true;
+        });
 }
 
 int korvexCmd_build(korvex_cmd_t* cmd)
 {
-    return hooked(__func__, [&] { return name_of(cmd); }, [&] {
-        if (!live(cmd) || cmd->built || cmd->subs.empty())
-            return false;
-        cmd->built = true;
-        return true;
-    });
+    return hooked(
+        __func__, [&] { return name_of(cmd); },
+        [&] {
+            if (!live(cmd) || cmd->built || cmd->subs.empty())
+                return false;
+            cmd->built = true;
+            return true;
+        });
 }
 
 int korvexCmd_run(korvex_cmd_t* cmd)
 {
-    return hooked(__func__, [&] { return name_of(cmd); },
-                  [&] { return live(cmd) && cmd->built && kvx::run_command(cmd, kvx::hook_cores()) == 0; });
+    return hooked(
+        __func__, [&] { return name_of(cmd); },
+        [&] { return live(cmd) && cmd->built && kvx::run_command(cmd, kvx::hook_cores()) == 0; });
 }
 
 int korvexSubCmd_setParam(korvex_subcmd_t* subcmd, korvex_subcmd_param_type type_arg, uint64_t value)
 {
     const int type = type_arg;
-    return hooked(__func__, [&] { return join(name_of(subcmd), param_name(kSubParams, type), num(value)); }, [&] {
-        if (!open_subcmd(subcmd) || !param_in_range(kSubParams, type, value) ||
-            (type == SC_PARAM_CORE_AFFINITY && !cores_exist(value)))
-            return false;
-        subcmd->params[type] = value;
-        return true;
-    });
+    return hooked(
+        __func__, [&] { return join(name_of(subcmd), param_name(kSubParams, type), num(value)); },
+        [&] {
+            if (!open_subcmd(subcmd) || !param_in_range(kSubParams, type, value) ||
+                (type == SC_PARAM_CORE_AFFINITY && !cores_exist(value)))
+                return false;
+            subcmd->params[type] = value;
+            return true;
+        });
 }
 
 // A command buffer goes to one sub-command of a command, once.

@@ -11,7 +11,8 @@
 #include "kvx_isa.h"
 #include "kvx_model.h"
 
-namespace kvx {
+namespace kvx
+{
 
 static const uint32_t kPrepareUs = 12;
 static const uint32_t kPostProcUs = 3;
@@ -69,7 +70,7 @@ static void write_pmu(const fw_view& v, const isa_context& ctx, uint32_t core, u
 {
     const fw_pmu_info& pmu = v.pmu;
     uint8_t burst = pmu.number_of_event <= 6 ? 2 : 4;
-    fw_pmu_info_out res{mhz * 1000, pmu.pmu_mode == 1 ? burst : (uint8_t)0, 0};
+    fw_pmu_info_out res {mhz * 1000, pmu.pmu_mode == 1 ? burst : (uint8_t)0, 0};
     ctx.mem->write_record(v.pmu_out, 0, &res, sizeof(res));
     if (pmu.pmu_mode != 1) {
         uint32_t log = kPmuLog | (core << 16) | (uint32_t)(ctx.work.flows & 0xFFFF);
@@ -100,8 +101,8 @@ static void trace_run(const korvex_subcmd* sub, uint32_t core, const fw_view& v)
         return;
     const korvex_cmd* cmd = sub->cmd;
     std::string args = handle_name("subcmd", sub->id, sub) + ", core " + std::to_string(core) + ", priority " +
-                       (v.priority < 0 ? std::string("none") : std::to_string(v.priority)) + ", " +
-                       std::to_string(clock_mhz(sub)) + " MHz";
+        (v.priority < 0 ? std::string("none") : std::to_string(v.priority)) + ", " + std::to_string(clock_mhz(sub)) +
+        " MHz";
     const std::pair<const char*, uint64_t> settings[] = {
         {"vlm_usage", param(sub->params, SC_PARAM_VLM_USAGE)},
         {"vlm_ctx", param(sub->params, SC_PARAM_VLM_CTX)},
@@ -119,12 +120,11 @@ static void trace_run(const korvex_subcmd* sub, uint32_t core, const fw_view& v)
 }
 
 // Leaves the cause in the run information and the result record.
-static void finish(korvex_subcmd* sub, const fw_view& v, uint32_t core, uint32_t flow, uint32_t cause,
-                   uint32_t detail)
+static void finish(korvex_subcmd* sub, const fw_view& v, uint32_t core, uint32_t flow, uint32_t cause, uint32_t detail)
 {
     sub->cause = cause;
     sub->detail = detail;
-    fw_cmd_result res{is_fault(cause) ? flow : 0, core, is_fault(cause) ? KVX_IRQ_BASE | cause : 0, detail};
+    fw_cmd_result res {is_fault(cause) ? flow : 0, core, is_fault(cause) ? KVX_IRQ_BASE | cause : 0, detail};
     sub->cmd->session->mem.write_record(v.res, 0, &res, sizeof(res));
     trace_run(sub, core, v);
 }
@@ -192,7 +192,7 @@ static bool run_subcmd(korvex_subcmd* sub, uint32_t core, uint32_t waited_us)
         refuse(sub, core, cause, detail);
         return false;
     }
-    isa_context ctx{};
+    isa_context ctx {};
     ctx.mem = &s->mem;
     ctx.code.resize(v.code->size / 4);
     s->mem.read_record(v.code, 0, ctx.code.data(), (uint32_t)ctx.code.size() * 4);
@@ -277,7 +277,7 @@ int run_command(korvex_cmd* cmd, uint32_t cores)
         return -1;
     }
     cmd->session->work_left = hook_work_limit();
-    round_state round{};
+    round_state round {};
     uint32_t elapsed_us = 0;
     bool all_ok = cores > 0;
     for (korvex_subcmd* sub : cmd->subs) {

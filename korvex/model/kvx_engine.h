@@ -25,8 +25,8 @@
 struct korvex_session {
     kvx::device_memory mem;
     uint32_t id;
-    uint64_t cycle_counter;                    // the engine's free-running counter
-    uint64_t work_left;                        // steps the running command may still take
+    uint64_t cycle_counter;                   // the engine's free-running counter
+    uint64_t work_left;                       // steps the running command may still take
     std::map<const void*, std::string> names; // trace names of allocations
     std::vector<korvex_cmd*> cmds;
 };
@@ -55,7 +55,8 @@ struct korvex_cmd {
     std::vector<std::pair<korvex_subcmd*, korvex_subcmd*>> packs;
 };
 
-namespace kvx {
+namespace kvx
+{
 
 int run_command(korvex_cmd* cmd, uint32_t cores);
 

@@ -7,7 +7,8 @@
 #include "kvx_engine.h"
 #include "kvx_model.h"
 
-namespace kvx {
+namespace kvx
+{
 
 static const uint32_t kFixedBuffers = 3; // information, result, code
 
@@ -95,7 +96,7 @@ static uint32_t read_pmu(korvex_subcmd* sub, fw_view* v, std::vector<bool>& name
 
 uint32_t read_command_buffers(korvex_subcmd* sub, fw_view* v, uint32_t* detail)
 {
-    *v = fw_view{};
+    *v = fw_view {};
     v->priority = -1;
     allocation* info = nullptr;
     uint32_t cause = slot(sub, 1, KORVEX_CB_OUT, sizeof(fw_cmd_result), &v->res, detail);

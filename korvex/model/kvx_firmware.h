@@ -21,7 +21,8 @@
 
 struct korvex_subcmd;
 
-namespace kvx {
+namespace kvx
+{
 
 // The firmware's records (little-endian, packed).
 struct __attribute__((packed)) fw_cmd_info {
@@ -57,14 +58,14 @@ const uint32_t kMaxPmuEvents = 14;
 
 // What the firmware found in a sub-command's buffers.
 struct fw_view {
-    allocation* res;        // null when the result record cannot be written
+    allocation* res; // null when the result record cannot be written
     allocation* code;
     allocation* player;
-    allocation* pmu_out;    // the PMU buffers: null when the PMU is off
+    allocation* pmu_out; // the PMU buffers: null when the PMU is off
     allocation* pmu_result;
     fw_cmd_info info;
     fw_pmu_info pmu;
-    int priority;           // -1: none asked
+    int priority; // -1: none asked
 };
 
 uint32_t read_command_buffers(korvex_subcmd* sub, fw_view* view, uint32_t* detail);

@@ -4,7 +4,8 @@
 #include <cstdlib>
 #include <map>
 
-namespace kvx {
+namespace kvx
+{
 
 static const uint32_t kDefaultCores = 2;
 

@@ -18,7 +18,8 @@
 #include <cstdio>
 #include <string>
 
-namespace kvx {
+namespace kvx
+{
 
 void hooks_reload();
 uint32_t hook_cores();

@@ -8,7 +8,8 @@
 
 #include "kvx_model.h"
 
-namespace kvx {
+namespace kvx
+{
 
 uint64_t work_cycles(const work_counters& w)
 {
@@ -119,7 +120,7 @@ static step exec_MOVE(isa_context& c, const decoded& d)
     uint32_t n = c.r[field(d.imm, 2)];
     uint8_t* src = memory_at(c, field(d.imm, 1), n, false);
     uint8_t* dst = src == nullptr ? nullptr : memory_at(c, field(d.imm, 0), n, true);
-    work_counters w{};
+    work_counters w {};
     w.bytes_read = w.bytes_written = n;
     w.dma_commands = 1;
     if (dst == nullptr || !count_work(c, w))
@@ -134,7 +135,7 @@ static step exec_FILL(isa_context& c, const decoded& d)
 {
     uint32_t n = c.r[field(d.imm, 2)];
     uint8_t* dst = memory_at(c, field(d.imm, 0), n, true);
-    work_counters w{};
+    work_counters w {};
     w.bytes_written = n;
     w.dma_commands = 1;
     if (dst == nullptr || !count_work(c, w))
@@ -145,14 +146,13 @@ static step exec_FILL(isa_context& c, const decoded& d)
 }
 
 // Elementwise on r[d] bytes: r[a][i] <- op(r[b][i], r[c][i]).
-template <typename Op>
-static step exec_elementwise(isa_context& c, const decoded& d, Op op)
+template <typename Op> static step exec_elementwise(isa_context& c, const decoded& d, Op op)
 {
     uint32_t n = c.r[field(d.imm, 3)];
     const uint8_t* x = memory_at(c, field(d.imm, 1), n, false);
     const uint8_t* y = x == nullptr ? nullptr : memory_at(c, field(d.imm, 2), n, false);
     uint8_t* dst = y == nullptr ? nullptr : memory_at(c, field(d.imm, 0), n, true);
-    work_counters w{};
+    work_counters w {};
     w.bytes_read = 2ull * n;
     w.bytes_written = w.vector_elements = n;
     w.vector_commands = 1;
@@ -250,7 +250,7 @@ static step exec_CONV(isa_context& c, const decoded& d)
     const int8_t* wt = in == nullptr ? nullptr : (const int8_t*)memory_at(c, field(d.imm, 1), wt_len, false);
     const uint8_t* bias = wt == nullptr ? nullptr : memory_at(c, field(d.imm, 2), 4ull * s.cout, false);
     uint8_t* out = bias == nullptr ? nullptr : memory_at(c, field(d.imm, 3), out_len, true);
-    work_counters w{};
+    work_counters w {};
     w.bytes_read = in_len + wt_len + 4ull * s.cout;
     w.bytes_written = out_len;
     w.macs = out_len * s.kh * s.kw * s.cin;
@@ -266,7 +266,7 @@ static step exec_CONV(isa_context& c, const decoded& d)
 
 static step exec_FLOW(isa_context& c, const decoded& d)
 {
-    work_counters w{};
+    work_counters w {};
     w.flows = 1;
     if (!count_work(c, w))
         return STEP_FAULT;
@@ -279,7 +279,7 @@ static step exec_CYCLES(isa_context& c, const decoded& d)
 {
     uint8_t* dst = memory_at(c, field(d.imm, 0), 8, true);
     uint64_t now = c.cycle_counter_base + work_cycles(c.work);
-    work_counters w{};
+    work_counters w {};
     w.bytes_written = 8;
     if (dst == nullptr || !count_work(c, w))
         return STEP_FAULT;
@@ -295,7 +295,7 @@ struct instruction {
 
 // Opcode -> instruction; unknown opcodes have no entry.
 static const std::array<instruction, 256> kInstructions = [] {
-    std::array<instruction, 256> table{};
+    std::array<instruction, 256> table {};
 #define KVX_DISPATCH(code, NAME, ...) table[code] = {#NAME, exec_##NAME};
     KVX_INSTRUCTIONS(KVX_DISPATCH)
 #undef KVX_DISPATCH
@@ -347,7 +347,7 @@ run_status run_code(isa_context& ctx)
         uint32_t before[16];
         memcpy(before, ctx.r, sizeof(before));
         const instruction* ins = nullptr;
-        decoded d{};
+        decoded d {};
         step s = decode(ctx, words, &ins, &d);
         if (s == STEP_NEXT)
             s = count_work(ctx, kOneInstruction) ? ins->exec(ctx, d) : STEP_FAULT;

@@ -22,7 +22,8 @@
 #include "kvx_isa_table.h"
 #include "kvx_memory.h"
 
-namespace kvx {
+namespace kvx
+{
 
 // Work done, in the units the timing model and the PMU count.
 struct work_counters {
@@ -59,17 +60,17 @@ struct touched_range {
 
 struct isa_context {
     device_memory* mem;
-    std::vector<uint32_t> code;  // the code buffer's words, as the engine read them
-    uint32_t pc;                 // byte offset of the next instruction
-    uint32_t vlm_bytes;          // bytes of the VLM the sub-command may use
+    std::vector<uint32_t> code; // the code buffer's words, as the engine read them
+    uint32_t pc;                // byte offset of the next instruction
+    uint32_t vlm_bytes;         // bytes of the VLM the sub-command may use
     uint32_t r[16];
     uint64_t cycle_counter_base; // the engine's counter when the run started
     work_counters work;
-    uint64_t work_limit;         // steps the run may take; the instruction that would pass them faults
+    uint64_t work_limit; // steps the run may take; the instruction that would pass them faults
     std::vector<flow_mark> flows;
-    uint32_t cause, detail;      // why the run stopped early (kvx_model.h)
-    FILE* log;                   // instruction log, or null
-    std::string who;             // the sub-command's name in the log
+    uint32_t cause, detail; // why the run stopped early (kvx_model.h)
+    FILE* log;              // instruction log, or null
+    std::string who;        // the sub-command's name in the log
     std::vector<touched_range> touched;
 };
 

@@ -8,7 +8,8 @@
 
 #include "kvx_model.h"
 
-namespace kvx {
+namespace kvx
+{
 
 // DRAM starts above the on-chip window; its upper half holds high-address
 // buffers, up to the top of the 32-bit space.
@@ -18,9 +19,7 @@ static const uint64_t kDramEnd = 0x100000000ull;
 static const uint32_t kMinHostAlign = 64;
 static const uint32_t kDefaultAlign = 16;
 
-device_memory::device_memory() : m_next_low(kDramBase), m_next_high(kDramHigh), m_vlm(kVlmSize), m_vlm_held(false)
-{
-}
+device_memory::device_memory() : m_next_low(kDramBase), m_next_high(kDramHigh), m_vlm(kVlmSize), m_vlm_held(false) { }
 
 static void free_views(const allocation& al)
 {

@@ -17,7 +17,8 @@
 #include <map>
 #include <vector>
 
-namespace kvx {
+namespace kvx
+{
 
 const uint32_t kVlmBase = 0x1D900000;
 const uint32_t kVlmSize = 0x100000;
@@ -36,7 +37,8 @@ struct allocation {
     uint8_t* device; // the device view
 };
 
-class device_memory {
+class device_memory
+{
 public:
     device_memory();
     ~device_memory();

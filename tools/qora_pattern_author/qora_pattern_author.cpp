@@ -17,7 +17,8 @@
 
 #include "kvx_asm.h"
 
-namespace {
+namespace
+{
 
 // A uint8 convolution with int32 bias and requantisation (the engine's CONV).
 struct conv_params {
@@ -85,8 +86,9 @@ std::vector<uint8_t> reference_conv(const conv_params& p, const std::vector<uint
                         for (int ci = 0; ci < p.cin; ci++) {
                             int y = oy * p.stride + ky - p.pad, x = ox * p.stride + kx - p.pad;
                             int v = (y < 0 || x < 0 || y >= p.h || x >= p.w) ? p.in_zp
-                                                                               : in[((size_t)y * p.w + x) * p.cin + ci];
-                            acc += (int64_t)(v - p.in_zp) * (int8_t)wt[((size_t)(co * p.k + ky) * p.k + kx) * p.cin + ci];
+                                                                             : in[((size_t)y * p.w + x) * p.cin + ci];
+                            acc +=
+                                (int64_t)(v - p.in_zp) * (int8_t)wt[((size_t)(co * p.k + ky) * p.k + kx) * p.cin + ci];
                         }
                 int64_t q = ((acc * p.mult + (1 << (p.shift - 1))) >> p.shift) + p.out_zp;
                 out[((size_t)oy * p.ow() + ox) * p.cout + co] = (uint8_t)(q < 0 ? 0 : q > 255 ? 255 : q);
@@ -98,7 +100,7 @@ std::vector<uint8_t> reference_conv(const conv_params& p, const std::vector<uint
 struct code_layout {
     std::vector<uint32_t> w;
     size_t at = 0;
-    explicit code_layout(size_t words) : w(words, 0) {}
+    explicit code_layout(size_t words) : w(words, 0) { }
     // Continues at word `pos`, padding the gap with one NOP.
     code_layout& to(size_t pos)
     {
@@ -117,8 +119,11 @@ struct code_layout {
 
 std::vector<uint32_t> shape_words(const conv_params& p)
 {
-    return {kvx_asm_setr(8, 5), (uint32_t)(p.h | p.w << 16), (uint32_t)(p.cin | p.cout << 16),
-            (uint32_t)(p.k | p.k << 8 | p.stride << 16 | p.pad << 24), (uint32_t)p.mult,
+    return {kvx_asm_setr(8, 5),
+            (uint32_t)(p.h | p.w << 16),
+            (uint32_t)(p.cin | p.cout << 16),
+            (uint32_t)(p.k | p.k << 8 | p.stride << 16 | p.pad << 24),
+            (uint32_t)p.mult,
             (uint32_t)(p.shift | p.in_zp << 8 | p.out_zp << 16)};
 }
 
@@ -134,7 +139,7 @@ struct workload {
 
 workload make_workload(const conv_params& p, uint32_t seed)
 {
-    workload w{bytes((size_t)p.h * p.w * p.cin, seed), bytes((size_t)p.cout * p.k * p.k * p.cin, seed + 1), {}};
+    workload w {bytes((size_t)p.h * p.w * p.cin, seed), bytes((size_t)p.cout * p.k * p.k * p.cin, seed + 1), {}};
     for (int i = 0; i < p.cout; i++)
         w.bias.push_back((i * 977 + (int)seed) % 4001 - 2000);
     return w;
@@ -175,9 +180,8 @@ bool write_conv_demo(const std::string& dir)
         code.put({x});
     code.put({kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3), kvx_asm_flow(1), kvx_asm_end()});
     std::string pattern = "// Output\n// @40009000 {" + std::to_string(p.oh() * p.ow() * p.cout) + "}\n// Data\n" +
-                          block("40000000", w.bias_bytes()) + block("40001000", w.in) + block("40002000", w.wt) +
-                          "// Code\n" + block("0", words(code.w)) +
-                          "// Binding\n// 4 @40001000\n// 12 @40002000\n// 20 @40000000\n// 28 @40009000\n";
+        block("40000000", w.bias_bytes()) + block("40001000", w.in) + block("40002000", w.wt) + "// Code\n" +
+        block("0", words(code.w)) + "// Binding\n// 4 @40001000\n// 12 @40002000\n// 20 @40000000\n// 28 @40009000\n";
     std::string golden = "@40009000\n" + hex_lines(reference_conv(p, w.in, w.wt, w.bias));
     return write(dir + "/pattern.hex", pattern) && write(dir + "/golden.hex", golden);
 }
@@ -197,9 +201,9 @@ bool write_conv2d_uint8(const std::string& dir)
     code.to(67).put({kvx_asm_setr(3, 1), 0});
     code.put({kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3), kvx_asm_flow(1), kvx_asm_end()});
     std::string pattern = "// Output\n// @40041000 {51200}\n// acx0_qora0_cmda_length_00000020\n// Code\n" +
-                          block("0", words(code.w)) + "// Data\n" + block("40000000", w.bias_bytes()) +
-                          block("40005000", padded(w.in, 230400)) + block("40001000", w.wt) +
-                          "// Binding\n// 68 @40000000\n// 112 @40001000\n// 148 @40005000\n// 272 @40041000\n";
+        block("0", words(code.w)) + "// Data\n" + block("40000000", w.bias_bytes()) +
+        block("40005000", padded(w.in, 230400)) + block("40001000", w.wt) +
+        "// Binding\n// 68 @40000000\n// 112 @40001000\n// 148 @40005000\n// 272 @40041000\n";
     std::vector<uint8_t> golden = reference_conv(p, w.in, w.wt, w.bias);
     std::string raw(golden.begin(), golden.end());
     return write(dir + "/pattern.hex", pattern) && write(dir + "/golden.bin", raw);
@@ -232,11 +236,10 @@ bool write_max_pwr4_pi_test(const std::string& dir)
               kvx_asm_flow(3), kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3), kvx_asm_flow(4),
               kvx_asm_regs(KVX_OP_CYCLES, 3, 0, 0, 0), kvx_asm_flow(5), kvx_asm_end()});
     std::string pattern = "// Output\n// @40100000 {294912}\n// acx0_qora0_cmda_length_00000041\n// Code\n" +
-                          block("0", words(code.w)) + "// Data\n" + block("40000000", w.bias_bytes()) +
-                          block("40008000", padded(w.in, 663552)) + block("40001000", w.wt) +
-                          block("40006000", vec) +
-                          "// Binding\n// 72 @40000000\n// 168 @40008000\n// 228 @40001000\n"
-                          "// 432 @40006000\n// 436 @40006000\n// 604 @40100000\n";
+        block("0", words(code.w)) + "// Data\n" + block("40000000", w.bias_bytes()) +
+        block("40008000", padded(w.in, 663552)) + block("40001000", w.wt) + block("40006000", vec) +
+        "// Binding\n// 72 @40000000\n// 168 @40008000\n// 228 @40001000\n"
+        "// 432 @40006000\n// 436 @40006000\n// 604 @40100000\n";
     std::vector<uint8_t> out = reference_conv(p, w.in, w.wt, w.bias);
     std::vector<bool> masked(out.size(), false);
     for (int i = 0; i < 8; i++)
@@ -265,6 +268,6 @@ int main(int argc, char** argv)
             return 1;
     }
     bool ok = write_conv_demo(root + "/conv_demo") && write_conv2d_uint8(root + "/conv2d_uint8") &&
-              write_max_pwr4_pi_test(root + "/max_pwr4_pi_test");
+        write_max_pwr4_pi_test(root + "/max_pwr4_pi_test");
     return ok ? 0 : 1;
 }
