@@ -14,6 +14,7 @@
 #include <functional>
 #include <string>
 
+#include "bench_util.h"
 #include "qora_pattern.h"
 #include "qora_test.h"
 
@@ -39,24 +40,6 @@ std::string bench_dir()
         return d;
     }();
     return dir;
-}
-
-// Peak resident memory of fn in a child process, standard output dropped.
-double peak_mib(const std::function<void()>& fn)
-{
-    fflush(stdout);
-    pid_t pid = fork();
-    if (pid == 0) {
-        int null_fd = open("/dev/null", O_WRONLY);
-        dup2(null_fd, STDOUT_FILENO);
-        fn();
-        fflush(stdout);
-        _exit(0);
-    }
-    int status;
-    struct rusage usage;
-    wait4(pid, &status, 0, &usage);
-    return usage.ru_maxrss / 1024.0;
 }
 
 // The set as the player loads it; `clear_unreached` then writes the golden

@@ -27,6 +27,7 @@
 #include <random>
 #include <string>
 
+#include "bench_util.h"
 #include "qora_pattern.h"
 #include "qora_utils.h"
 
@@ -90,34 +91,6 @@ void make_files()
     if (!made && !made_before("", kPayload))
         make_files_of(kPayload, "");
     made = true;
-}
-
-// Runs fn with standard output sent to /dev/null (the progress bar).
-void quietly(const std::function<void()>& fn)
-{
-    fflush(stdout);
-    int saved = dup(STDOUT_FILENO);
-    int null_fd = open("/dev/null", O_WRONLY);
-    dup2(null_fd, STDOUT_FILENO);
-    fn();
-    fflush(stdout);
-    dup2(saved, STDOUT_FILENO);
-    close(saved);
-    close(null_fd);
-}
-
-// Peak resident memory of fn, run in a child process, in MiB.
-double peak_mib(const std::function<void()>& fn)
-{
-    pid_t pid = fork();
-    if (pid == 0) {
-        quietly(fn);
-        _exit(0);
-    }
-    int status;
-    struct rusage usage;
-    wait4(pid, &status, 0, &usage);
-    return usage.ru_maxrss / 1024.0;
 }
 
 void load_pattern_set(const std::string& pattern, const std::string& golden)

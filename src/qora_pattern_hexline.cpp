@@ -117,6 +117,18 @@ static int scanned_codes(const char* line, size_t n, const std::array<uint8_t, 2
 
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "word-wise decoding assumes a little-endian host");
 
+// Decodes whole 36-byte lines, the i-th with `line(text, i)`, until one is
+// not a usual data line; returns how many were decoded.
+template <typename Line> static inline size_t decode_usual_lines(const char* text, size_t lines, Line line)
+{
+    size_t i = 0;
+    for (; i < lines; i++, text += 36) {
+        if (text[35] != '\n' || !line(text, i))
+            break;
+    }
+    return i;
+}
+
 // The vector decoders read a line at four fixed places, eight digits each.
 // Every lane is classified at once: a hex digit gives its value; for goldens
 // an 'x' gives 0 and a cleared mask nibble ("keep" holds 0x0F per compared
@@ -181,12 +193,9 @@ template <bool kGolden> static inline bool sse2_line(const char* line, uint8_t* 
 
 template <bool kGolden> static size_t sse2_run(const char* text, size_t lines, uint8_t* data, uint8_t* mask)
 {
-    size_t i = 0;
-    for (; i < lines; i++, text += 36) {
-        if (text[35] != '\n' || !sse2_line<kGolden>(text, data + 16 * i, kGolden ? mask + 16 * i : nullptr))
-            break;
-    }
-    return i;
+    return decode_usual_lines(text, lines, [&](const char* line, size_t i) {
+        return sse2_line<kGolden>(line, data + 16 * i, kGolden ? mask + 16 * i : nullptr);
+    });
 }
 
 // AVX2 classifies the whole line in one register and pairs the digits with
@@ -319,12 +328,9 @@ template <bool kGolden> static inline bool neon_line(const char* line, uint8_t* 
 
 template <bool kGolden> static size_t neon_run(const char* text, size_t lines, uint8_t* data, uint8_t* mask)
 {
-    size_t i = 0;
-    for (; i < lines; i++, text += 36) {
-        if (text[35] != '\n' || !neon_line<kGolden>(text, data + 16 * i, kGolden ? mask + 16 * i : nullptr))
-            break;
-    }
-    return i;
+    return decode_usual_lines(text, lines, [&](const char* line, size_t i) {
+        return neon_line<kGolden>(line, data + 16 * i, kGolden ? mask + 16 * i : nullptr);
+    });
 }
 
 #endif
@@ -380,12 +386,8 @@ static inline bool decode_hex_digits(const char* line, size_t n, uint8_t out[16]
 // the exact per-line reading.
 static size_t words_data_run(const char* text, size_t lines, uint8_t* out)
 {
-    size_t i = 0;
-    for (; i < lines; i++, text += 36) {
-        if (text[35] != '\n' || !decode_hex_digits_words(text, 36, out + 16 * i))
-            break;
-    }
-    return i;
+    return decode_usual_lines(
+        text, lines, [&](const char* line, size_t i) { return decode_hex_digits_words(line, 36, out + 16 * i); });
 }
 
 static size_t words_golden_run(const char* text, size_t lines, uint8_t* data, uint8_t* mask)
