@@ -8,7 +8,7 @@
 #   LIBDIR/pkgconfig/qora_ut.pc    pkg-config qora_ut
 #   share/man/man1/qora_player.1, share/bash-completion/completions/qora_player
 #   bin/qora_report, share/qora-report/qora_report/ (its Python modules),
-#   share/man/man1/qora_report.1
+#   share/man/man1/qora_report.1 (installed by tools/qora_report/CMakeLists.txt)
 #
 # and, when our engine model is built (no vendor SDK):
 #
@@ -36,18 +36,6 @@ install(FILES ${CMAKE_SOURCE_DIR}/docs/qora_player.1 DESTINATION ${CMAKE_INSTALL
 install(FILES ${CMAKE_SOURCE_DIR}/app/qora_player.bash-completion
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME qora_player)
 
-# The report tool: a launcher that finds its modules relative to itself, in
-# the build tree (the sources) and where installed.
-file(RELATIVE_PATH QORA_REPORT_MODULES ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR}/tools)
-configure_file(${CMAKE_SOURCE_DIR}/cmake/qora_report.in ${CMAKE_BINARY_DIR}/qora_report @ONLY
-  FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-file(RELATIVE_PATH QORA_REPORT_MODULES ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_DATADIR}/qora-report)
-configure_file(${CMAKE_SOURCE_DIR}/cmake/qora_report.in ${CMAKE_BINARY_DIR}/qora_report.installed @ONLY)
-install(PROGRAMS ${CMAKE_BINARY_DIR}/qora_report.installed DESTINATION ${CMAKE_INSTALL_BINDIR}
-  RENAME qora_report)
-install(DIRECTORY ${CMAKE_SOURCE_DIR}/tools/qora_report DESTINATION ${CMAKE_INSTALL_DATADIR}/qora-report
-  FILES_MATCHING PATTERN "*.py")
-install(FILES ${CMAKE_SOURCE_DIR}/docs/qora_report.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 
 if(QORA_ENGINE_MODEL)
   # The model's CMake target goes with the model, in its own directory:

@@ -25,6 +25,10 @@ enum QORA_DEBUG_MASK {
 // users and scripts read them ("[W:RunCmd:...]"). Code split out of an
 // operation keeps printing as that operation (QORA_LOG_AS), and the few
 // messages whose line number is fixed give it literally (QORA_LOG_AT).
+// The report tool reads these texts back from captured logs: the messages
+// it keys on are listed by their opening text in
+// tools/qora_report/qora_report/runlog.py; changing one here means changing
+// it there too.
 #define QORA_LOG_AT(lv, func, line, fmt, ...) printf("[" lv ":%s:%d] " fmt, func, line, ##__VA_ARGS__)
 #define QORA_LOG_AS(lv, func, fmt, ...) QORA_LOG_AT(lv, func, __LINE__, fmt, ##__VA_ARGS__)
 

@@ -179,7 +179,7 @@ PY
 
 # The report tool on the job log: one run per pattern, the same verdicts.
 set +e
-PYTHONPATH=tools $python -m qora_report summary "$work/job.log" --json "$work/summary.json" --junit "$work/junit.xml"
+PYTHONPATH=tools/qora_report $python -m qora_report summary "$work/job.log" --json "$work/summary.json" --junit "$work/junit.xml"
 status=$?
 set -e
 $python - "$work/summary.json" "$status" <<'PY'

@@ -18,7 +18,7 @@ from qora_report.runlog import parse_log
 from qora_report.summary import failed, summarize, write_junit
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-SCRIPT = os.path.join(HERE, "..", "lava", "qora-player.sh")
+SCRIPT = os.path.join(HERE, "..", "..", "..", "lava", "qora-player.sh")
 PLAYER = os.environ.get("QORA_PLAYER", "build/qora_player")
 AUTHOR = os.path.join(os.path.dirname(PLAYER), "qora_pattern_author")
 # A result record as lava-run writes it, with the untagged-string marks.

@@ -98,7 +98,10 @@ def test_any_cut_or_garbled_log_reads(runs, tmp_path):
     ("[I:BuildCmd:31] Get pattern : p\n[E:RunCmd:330] Create korvex command FAIL![W:Execute:9] x\n", "error", 0),
     ("[I:RunCmd:399] Run command\n[E:RunCmd:410] Command Fail!! (-5)\n", "error", 1),
     ("[I:BuildCmd:31] Get pattern : p\n[E:AllocDataMem:96] alloc 40000000 FAIL\n", "error", 0),
-    ("[I:BuildCmd:31] Get pattern : p\n[I:RunCmd:399] Run comm", "incomplete", 1),
+    # Cut off at the end: a message is read only when its whole opening
+    # text is there.
+    ("[I:BuildCmd:31] Get pattern : p\n[I:RunCmd:399] Run command\n[D:RunCmd:362] execu", "incomplete", 1),
+    ("[I:BuildCmd:31] Get pattern : p\n[I:RunCmd:399] Run comm", "incomplete", 0),
     ("open file(missing.hex) \\n", "error", 0),
 ])
 def test_log_shapes(tmp_path, text, verdict, loops):

@@ -9,6 +9,7 @@ read a block at a time, and a line in pieces of bounded length, so a log
 without line feeds costs no more memory than a short one. It raises LogError only when the
 file cannot be read or holds no line of the player.
 """
+import functools
 import os
 import re
 
@@ -37,12 +38,13 @@ FLOW = re.compile(r"---- flow id = (\d{1,20}) \(cmd_log = 0x([0-9a-f]{1,16})\), 
 EVT = re.compile(r"evt:0x([0-9a-f]{1,16}), cnt: (\d{1,20})")
 RES = re.compile(r"res: core(-?\d{1,20}), (?:last finished flow id = (-?\d{1,20})|irq hint = 0x([0-9a-f]{1,16}))")
 FIRST_INT = re.compile(r"-?\d{1,20}")
+HEX_WORD = re.compile(r"[0-9a-fA-F]{1,8}")
 
-# Statistics lines: message start, field, order within a sub-command.
+# Statistics lines: message prefix, field, order within a sub-command.
 TIMINGS = {
-    "execute ": ("execute_us", 2), "prepare ": ("prepare_us", 3), "waiting ": ("waiting_us", 4),
-    "blocked ": ("blocked_us", 5), "post_pro": ("post_proc_us", 6), "bandwidt": ("bandwidth_mbps", 7),
-    "execTime": ("driver_us", 8), "ipTime  ": ("ip_us", 9),
+    "execute   = ": ("execute_us", 2), "prepare   = ": ("prepare_us", 3), "waiting   = ": ("waiting_us", 4),
+    "blocked   = ": ("blocked_us", 5), "post_proc = ": ("post_proc_us", 6), "bandwidth = ": ("bandwidth_mbps", 7),
+    "execTime  = ": ("driver_us", 8), "ipTime    = ": ("ip_us", 9),
 }
 PMU_STAGE, CORE_STAGE = 10, 12
 EXIT_STATUS = {"pass": 0, "not_compared": 0, "fail": 1, "error": 1}
@@ -53,13 +55,30 @@ class LogError(Exception):
     """A file that is not a readable player log; the text says why."""
 
 
+class _CutShort(Exception):
+    """A message that lacks the number it should carry (a line cut short
+    or garbled): nothing is taken from it."""
+
+
 def board_name(path):
     """A log's board: its file name without the extension."""
     return os.path.splitext(os.path.basename(path))[0]
 
 
 def _int(text):
-    return int(FIRST_INT.search(text).group())
+    m = FIRST_INT.search(text)
+    if m is None:
+        raise _CutShort
+    return int(m.group())
+
+
+def _hex_word(text):
+    """The value of the hexadecimal word that opens `text` (at most eight
+    digits are read, blanks around them allowed)."""
+    digits = text[:8].strip()
+    if HEX_WORD.fullmatch(digits) is None:
+        raise _CutShort
+    return int(digits, 16)
 
 
 class _Reader:
@@ -74,17 +93,24 @@ class _Reader:
         self.player_lines = 0
         self.final = None
         self.split_name = None  # a debug line that may be a buffer's address text
+        # The messages read, by the whole text that opens them (the texts
+        # of the player's QORA_LOG calls up to their first variable field).
         self.handlers = {
-            "Run comm": self.run_command, "ran on c": self.ran_on,
-            "---- sta": self.compare_start, "pmu freq": self.pmu_freq, "--------": self.pmu_normal,
-            "evt:0x": self.pmu_count, "---- flo": self.pmu_flow, "---- ip ": self.pmu_ip_time,
-            "burst_mo": self.pmu_burst, "index = ": self.plain_mismatch, "res: cor": self.result_record,
-            "Get patt": self.pattern, "set prio": self.setting, "set core": self.setting,
-            "codebuf ": self.relocation, "dump out": self.dump,
-            "Verify p": self.verified, "Run patt": self.done, "QORA loo": self.compare_fail,
-            "Command ": self.command_fail, "no golde": self.not_compared, "golden n": self.not_compared,
-            "no outpu": self.not_compared,
+            "Run command": self.run_command, "ran on core": self.ran_on,
+            "---- start to compare result (": self.compare_start, "pmu freq = ": self.pmu_freq,
+            "-------- normal mode, cmd_log = 0x": self.pmu_normal, "evt:0x": self.pmu_count,
+            "---- flow id = ": self.pmu_flow, "---- ip time = ": self.pmu_ip_time,
+            "burst_mode = 0x": self.pmu_burst, "index = ": self.plain_mismatch, "res: core": self.result_record,
+            "Get pattern : ": self.pattern, "set priority = ": self.setting, "set core mask = ": self.setting,
+            "codebuf ofs ": self.relocation, "dump output name = ": self.dump,
+            "Verify pattern ": self.verified, "Run pattern ": self.done, "QORA loop ": self.compare_fail,
+            "Command Fail": self.command_fail, "no golden data": self.not_compared,
+            "golden number(": self.not_compared, "no output data": self.not_compared,
         }
+        for prefix, (field, stage) in TIMINGS.items():
+            self.handlers[prefix] = functools.partial(self.timing, field, stage)
+        # Longest first, so that no prefix hides a longer one it opens.
+        self.prefixes = re.compile("|".join(map(re.escape, sorted(self.handlers, key=len, reverse=True))))
 
     # -- lines and messages
     def line(self, line):
@@ -112,16 +138,14 @@ class _Reader:
         try:
             if handler is not None:
                 handler(msg, text)
-        except (AttributeError, IndexError, ValueError):
-            return  # a line cut short or garbled: nothing to take from it
+        except _CutShort:
+            return
         if level in "EW" and handler not in (self.masked_mismatch, self.plain_mismatch):
             self.note(text)
 
     def handler(self, msg):
-        key = msg[:8]
-        if key in TIMINGS:
-            return self.timing
-        handler = self.handlers.get(key) or self.handlers.get(key[:7]) or self.handlers.get(key[:6])
+        m = self.prefixes.match(msg)
+        handler = self.handlers[m.group()] if m is not None else None
         if handler is None and MASKED.match(msg):
             return self.masked_mismatch
         if handler is None and DEV_VA.match(msg):
@@ -147,9 +171,8 @@ class _Reader:
         self.stage = stage
         return self.sub
 
-    def timing(self, msg, text):
+    def timing(self, field, stage, msg, text):
         if self.loop is not None:
-            field, stage = TIMINGS[msg[:8]]
             self.sub_at(stage)[field] = _int(msg.split("=", 1)[1])
 
     def result_record(self, msg, text):
@@ -177,13 +200,13 @@ class _Reader:
 
     def pmu_normal(self, msg, text):
         pmu = self.pmu()
-        if pmu is not None and "normal mode" in msg:
-            pmu.update(mode="normal", cmd_log=int(msg.split("0x", 1)[1][:8], 16))
+        if pmu is not None:
+            pmu.update(mode="normal", cmd_log=_hex_word(msg.split("0x", 1)[1]))
 
     def pmu_burst(self, msg, text):
         pmu = self.pmu()
         if pmu is not None:
-            pmu.update(mode="flusher", burst_mode=int(msg.split("0x", 1)[1][:8], 16), flows=[])
+            pmu.update(mode="flusher", burst_mode=_hex_word(msg.split("0x", 1)[1]), flows=[])
 
     def pmu_flow(self, msg, text):
         pmu, m = self.pmu(), FLOW.match(msg)
@@ -242,7 +265,7 @@ class _Reader:
 
     # -- settings
     def pattern(self, msg, text):
-        self.log["pattern"] = msg.split(" : ", 1)[1].rstrip() if " : " in msg else None
+        self.log["pattern"] = msg.split(" : ", 1)[1].rstrip()
 
     def setting(self, msg, text):
         name = "priority" if msg.startswith("set prio") else "core_mask"
@@ -286,9 +309,8 @@ class _Reader:
         self.final = "fail"
 
     def command_fail(self, msg, text):
-        if msg.startswith("Command Fail"):
-            self.settle("error")
-            self.final = "error"
+        self.settle("error")
+        self.final = "error"
 
     def finish(self):
         log, loops = self.log, self.log["loops"]

@@ -7,8 +7,8 @@ import subprocess
 import pytest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-SCRIPT = os.path.join(HERE, "..", "lava", "qora-player.sh")
-FAKE_PLAYER = os.path.join(HERE, "lava", "fake_player.sh")
+SCRIPT = os.path.join(HERE, "..", "qora-player.sh")
+FAKE_PLAYER = os.path.join(HERE, "fake_player.sh")
 HELPERS = {
     "lava-test-case": 'echo "case $*" >>"$LAVA_RECORD"',
     "lava-test-set": 'echo "set $*" >>"$LAVA_RECORD"',

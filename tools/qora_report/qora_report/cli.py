@@ -8,16 +8,12 @@ rest of the output is dropped quietly and the status is still that of the
 work done.
 """
 import argparse
-import json
 import os
-import re
 import sys
 
+from . import diff
 from .compare import CompareError, Shape, compare
 from .summary import failed, summarize, table, write_json, write_junit
-
-DIFF_SCHEMA = "qora_report.diff/1"
-RANGES_SHOWN = 20
 
 
 class UsageError(Exception):
@@ -77,12 +73,6 @@ def cmd_plot(args):
     return _summary_status(summary, args.require_compare)
 
 
-def _default_region(dump):
-    """The output index of a dump the player wrote ("output<loop>_<index>.bin")."""
-    m = re.search(r"_(\d+)\.bin$", os.path.basename(dump))
-    return int(m.group(1)) if m else 0
-
-
 def _print_mismatches(index, out, gold, mask):
     if _Stdout.closed:
         return
@@ -91,57 +81,17 @@ def _print_mismatches(index, out, gold, mask):
     _write("\n".join(lines) + "\n")
 
 
-def _diff_json(args, region, result):
-    doc = {"schema": DIFF_SCHEMA, "dump": args.dump, "golden": args.golden, "region": region,
-           "dump_bytes": result.dump_size, "golden_bytes": result.golden_size,
-           "words_compared": result.words, "mismatching_words": result.mismatches,
-           "first_word": result.first(), "last_word": result.last(), "ranges": result.ranges,
-           "bit_flips": result.bit_flips, "bits_set_in_output": result.bit_set,
-           "byte_lanes": result.lanes}
-    if result.shape:
-        s = result.shape
-        doc["shape"] = {"h": s.h, "w": s.w, "c": s.c,
-                        "pixels": result.pixels.reshape(s.h, s.w).tolist(), "channels": result.channels.tolist()}
-    return doc
-
-
-def _diff_report(args, region, result):
-    lines = [f"compared {result.words} words ({4 * result.words} bytes) of {args.dump} with {args.golden}"
-             + (f" (region {region})" if args.golden.endswith(".hex") else "")]
-    if result.golden_size != result.dump_size:
-        lines.append(f"sizes differ: golden {result.golden_size} bytes, dump {result.dump_size} bytes; "
-                     "the shorter is compared")
-    lines.append(f"mismatching words: {result.mismatches}")
-    if result.mismatches:
-        lines.append(f"first: word {result.first()} (byte 0x{4 * result.first():x}), "
-                     f"last: word {result.last()} (byte 0x{4 * result.last():x})")
-        lines.append(f"ranges: {len(result.ranges)}")
-        for first, last in result.ranges[:RANGES_SHOWN]:
-            lines.append(f"  words {first}-{last} ({last - first + 1})")
-        if len(result.ranges) > RANGES_SHOWN:
-            lines.append(f"  ... {len(result.ranges) - RANGES_SHOWN} more")
-        flips = ", ".join(f"{b}:{n}" for b, n in enumerate(result.bit_flips) if n)
-        lines.append(f"bits that differ (bit:words): {flips}")
-        lines.append("byte lanes (lane:words): " + ", ".join(f"{k}:{n}" for k, n in enumerate(result.lanes)))
-    if result.shape:
-        lines.append(f"mismatching bytes per channel of {result.shape}: "
-                     + ", ".join(str(n) for n in result.channels.tolist()))
-    return "\n".join(lines)
-
-
 def cmd_diff(args):
     shape = Shape(args.shape) if args.shape else None
-    region = args.region if args.region is not None else _default_region(args.dump)
+    region = args.region if args.region is not None else diff.default_region(args.dump)
     out_dir = _out_dir(args.output) if args.output else None
     try:
         result = compare(args.dump, args.golden, region, shape, _print_mismatches)
     except MemoryError:
         raise UsageError(f"{args.dump}: out of memory comparing it with {args.golden}") from None
-    _write(_diff_report(args, region, result) + "\n")
+    _write(diff.report(args.dump, args.golden, region, result) + "\n")
     if out_dir:
-        with open(os.path.join(out_dir, "diff.json"), "w") as f:
-            json.dump(_diff_json(args, region, result), f)
-            f.write("\n")
+        diff.write_json(diff.document(args.dump, args.golden, region, result), os.path.join(out_dir, "diff.json"))
         from . import charts
         charts.bits(result, out_dir)
         if shape:
@@ -165,14 +115,14 @@ def _parser(version):
     plot.add_argument("-o", "--output", required=True, metavar="DIR")
     plot.add_argument("--require-compare", action="store_true", help="as for summary: the exit status")
     plot.set_defaults(run=cmd_plot)
-    diff = commands.add_parser("diff", help="every mismatching word of an output dump")
-    diff.add_argument("dump", metavar="DUMP")
-    diff.add_argument("golden", metavar="GOLDEN")
-    diff.add_argument("--shape", metavar="HxWxC", help="lay the output out as H x W x C bytes for a heat map")
-    diff.add_argument("--region", type=int, metavar="K",
+    diff_command = commands.add_parser("diff", help="every mismatching word of an output dump")
+    diff_command.add_argument("dump", metavar="DUMP")
+    diff_command.add_argument("golden", metavar="GOLDEN")
+    diff_command.add_argument("--shape", metavar="HxWxC", help="lay the output out as H x W x C bytes for a heat map")
+    diff_command.add_argument("--region", type=int, metavar="K",
                       help="region of a text golden (default: the dump's output index, from outputL_K.bin)")
-    diff.add_argument("-o", "--output", metavar="DIR", help="write diff.json and charts here")
-    diff.set_defaults(run=cmd_diff)
+    diff_command.add_argument("-o", "--output", metavar="DIR", help="write diff.json and charts here")
+    diff_command.set_defaults(run=cmd_diff)
     return parser
 
 

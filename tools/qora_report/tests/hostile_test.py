@@ -237,6 +237,19 @@ def test_version_is_the_projects():
     assert out == f"qora_report {project.group(1)}\n"
 
 
+def test_package_metadata_matches_the_project():
+    """pyproject.toml's version is the project's and its console script
+    names the entry point the launcher calls."""
+    import tomllib
+    package = os.path.join(SOURCE, "tools", "qora_report")
+    with open(os.path.join(package, "pyproject.toml"), "rb") as f:
+        meta = tomllib.load(f)["project"]
+    project = re.search(r"project\(\S+ VERSION (\S+)", open(os.path.join(SOURCE, "CMakeLists.txt")).read())
+    module, function = meta["scripts"]["qora_report"].split(":")
+    assert meta["version"] == project.group(1)
+    assert f"from {module} import {function}" in open(os.path.join(package, "qora_report.in")).read()
+
+
 def test_out_of_memory_names_the_files(tmp_path):
     """A region as long as a 1 GiB dump, under a 700 MB address-space limit."""
     import resource

@@ -15,7 +15,7 @@
 
 Prints one row per measurement and exits 1 when a target is missed. Run
 with an interpreter that has numpy, e.g.
-  /usr/bin/python3 bench/qora_report_bench.py --player build/qora_player
+  /usr/bin/python3 tools/qora_report/bench/report_bench.py --player build/qora_player
 """
 import argparse
 import binascii
@@ -30,8 +30,9 @@ import zlib
 
 import numpy as np
 
-ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-ENV = dict(os.environ, PYTHONPATH=os.path.join(ROOT, "tools"), PYTHONDONTWRITEBYTECODE="1")
+PACKAGE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+ROOT = os.path.dirname(os.path.dirname(PACKAGE))
+ENV = dict(os.environ, PYTHONPATH=PACKAGE, PYTHONDONTWRITEBYTECODE="1")
 MIB, MB = 1 << 20, 1000000
 FIXED = 100 * MIB  # the interpreter, numpy and the chunks: what any run costs
 TIME = "/usr/bin/time"  # GNU time, for the peak memory of a child
