@@ -164,38 +164,4 @@ TEST(HexLine, ReaderMatchesFgets)
     }
 }
 
-TEST(HexLine, PieceCountMatchesFgets)
-{
-    const std::string dir = make_tmp_dir("pieces");
-    const std::vector<std::string> texts = {
-        "",
-        "\n",
-        "a",
-        "a\n",
-        std::string(118, 'x') + "\n",
-        std::string(119, 'x') + "\n",
-        std::string(119, 'x'),
-        std::string(120, 'x'),
-        std::string(238, 'y') + "\nz\n\n",
-        "ab\ncd",
-        std::string(500, 'q'),
-    };
-    for (const std::string& text : texts) {
-        std::string path = dir + "/t.txt";
-        write_file(path, text);
-        FILE* fp = fopen(path.c_str(), "r");
-        char buf[QORA_LINE_BUF];
-        uint32_t reads = 0;
-        while (fgets(buf, sizeof(buf), fp))
-            reads++;
-        fclose(fp);
-        for (size_t split = 0; split <= text.size(); split += 37) {
-            size_t tail = 0;
-            uint32_t pieces = count_line_pieces(text.data(), split, &tail);
-            pieces += count_line_pieces(text.data() + split, text.size() - split, &tail);
-            EXPECT_EQ(pieces + (tail > 0 ? 1 : 0), reads) << text.size() << " split " << split;
-        }
-    }
-}
-
 } // namespace
