@@ -129,6 +129,7 @@ struct GoldenHeaderCase {
     std::string file;
     std::string content;
     std::string header;
+    bool scan_short = false; // a data line with fewer than sixteen tokens is reported
 };
 
 TEST_F(Conversions, GoldenHeaders)
@@ -149,7 +150,8 @@ TEST_F(Conversions, GoldenHeaders)
          "0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff};\n"
          "unsigned char g_golden[] __attribute__ ((aligned (16))) = {\n0x, 0x, 0xdd, 0xcc, 0xbb, 0xaa, 0x99, "
          "0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11, 0x00};\n"
-         "unsigned int g_golden_len = sizeof(g_golden);\n\n"},
+         "unsigned int g_golden_len = sizeof(g_golden);\n\n",
+         true},
         {"a 20-byte binary golden", "g.bin",
          std::string("\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d\x0e\x0f\x10\xaa\xbb\xcc\xdd"),
          "unsigned char g_golden[] __attribute__ ((aligned (16))) = {\n0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, "
@@ -165,7 +167,20 @@ TEST_F(Conversions, GoldenHeaders)
         std::string out;
         EXPECT_EQ(player("--gen g -g " + c.file, &out), 0) << c.what;
         EXPECT_EQ(read_file(dir + "/g.h"), c.header) << c.what;
+        EXPECT_EQ(out.find("sscanf fail") != std::string::npos, c.scan_short) << c.what << "\n" << out;
     }
+}
+
+// A buffer name past the line buffer is cut to 119 characters, with a warning.
+TEST_F(Conversions, LongBufferNamesAreCut)
+{
+    const std::string tail(200, 'a');
+    write_file(dir + "/p.hex", "// Output\n// @40009000 {16}\n@" + tail + "\n" + hex_line(1, 2, 3, 4) + "\n");
+    std::string out;
+    EXPECT_EQ(player("--gen h -f p.hex", &out), 0);
+    EXPECT_NE(out.find("Warning: buf name too long\n"), std::string::npos) << out;
+    const std::string name = ("h_" + tail).substr(0, 119);
+    EXPECT_NE(read_file(dir + "/h.h").find("unsigned char " + name + "[] __attribute__"), std::string::npos);
 }
 
 struct LogCase {
