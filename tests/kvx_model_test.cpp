@@ -127,6 +127,7 @@ TEST(EngineModel, StrictAboutCallsAndParameters)
         {"unknown policy", cp(CMD_PARAM_POWERPOLICY, 3), false},
         {"pack across commands", korvexCmd_setDependencyPack(cmd, sub, foreign_sub) == 0, false},
         {"pack with itself", korvexCmd_setDependencyPack(cmd, sub, sub) == 0, false},
+        {"pack with an unknown sub-command", korvexCmd_setDependencyPack(cmd, sub, (korvex_subcmd_t*)&mem) == 0, false},
         {"run before build", korvexCmd_run(cmd) == 0, false},
         {"first build", korvexCmd_build(cmd) == 0, true},
         {"second build", korvexCmd_build(cmd) == 0, false},
