@@ -14,12 +14,6 @@
 namespace
 {
 
-int reference_scan(const char* line, char tok[16][3])
-{
-    return sscanf(line, "%2s%2s%2s%2s_%2s%2s%2s%2s_%2s%2s%2s%2s_%2s%2s%2s%2s", tok[0], tok[1], tok[2], tok[3], tok[4],
-                  tok[5], tok[6], tok[7], tok[8], tok[9], tok[10], tok[11], tok[12], tok[13], tok[14], tok[15]);
-}
-
 std::string random_line(std::mt19937& rng)
 {
     // Hex digits, their neighbours in ASCII, white space and high bytes.
@@ -55,29 +49,8 @@ TEST(HexLine, AgreesWithSscanfOnGeneratedLines)
         char fast[16][3], ref[16][3];
         memset(fast, '?', sizeof(fast));
         memset(ref, '?', sizeof(ref));
-        ASSERT_EQ(scan_hex_tokens(line.c_str(), fast), reference_scan(line.c_str(), ref)) << line;
+        ASSERT_EQ(scan_hex_tokens(line.c_str(), fast), sscanf_hex_tokens(line.c_str(), ref)) << line;
         ASSERT_EQ(memcmp(fast, ref, sizeof(fast)), 0) << line;
-    }
-}
-
-// The decoders against the plain reading they replace: sscanf's tokens,
-// converted one character at a time.
-void reference_data(const char* line, uint8_t out[16], int* fields)
-{
-    char tok[16][3] = {};
-    *fields = reference_scan(line, tok);
-    for (int t = 0; t < 16; t++)
-        out[15 - t] = (uint8_t)(to_i_4bit(tok[t][0]) << 4 | to_i_4bit(tok[t][1]));
-}
-
-void reference_golden(const char* line, uint8_t data[16], uint8_t mask[16], int* fields)
-{
-    char tok[16][3] = {};
-    *fields = reference_scan(line, tok);
-    auto value = [](char c) { return c == 'x' ? 0 : to_i_4bit(c); };
-    for (int t = 0; t < 16; t++) {
-        data[15 - t] = (uint8_t)(value(tok[t][0]) << 4 | value(tok[t][1]));
-        mask[15 - t] = (uint8_t)((tok[t][0] == 'x' ? 0 : 0xF0) | (tok[t][1] == 'x' ? 0 : 0x0F));
     }
 }
 
@@ -99,8 +72,7 @@ TEST(HexLine, DecodersAgreeWithPlainReading)
     for (int i = 0; i < 100000; i++) {
         std::string line = random_line(rng);
         uint8_t fast[16], ref[16], fast_mask[16], ref_mask[16];
-        int ref_fields = 0;
-        reference_data(line.c_str(), ref, &ref_fields);
+        int ref_fields = sscanf_hex_line(line.c_str(), false, ref, ref_mask);
         ASSERT_EQ(decode_data_line(line.c_str(), line.size(), fast), ref_fields) << line;
         ASSERT_EQ(memcmp(fast, ref, 16), 0) << line;
         // The word-at-a-time decoder runs here whatever decoder the host uses.
@@ -109,7 +81,7 @@ TEST(HexLine, DecodersAgreeWithPlainReading)
             ASSERT_EQ(memcmp(fast, ref, 16), 0) << line;
             plain++;
         }
-        reference_golden(line.c_str(), ref, ref_mask, &ref_fields);
+        ref_fields = sscanf_hex_line(line.c_str(), true, ref, ref_mask);
         ASSERT_EQ(decode_golden_line(line.c_str(), line.size(), fast, fast_mask), ref_fields) << line;
         ASSERT_EQ(memcmp(fast, ref, 16), 0) << line;
         ASSERT_EQ(memcmp(fast_mask, ref_mask, 16), 0) << line;

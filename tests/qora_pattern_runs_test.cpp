@@ -26,24 +26,6 @@ std::string first_difference(const std::string& got, const std::string& want)
     return "at " + std::to_string(at) + ":\n got: " + got.substr(from, 120) + "\nwant: " + want.substr(from, 120);
 }
 
-const char* kFormat = "%2s%2s%2s%2s_%2s%2s%2s%2s_%2s%2s%2s%2s_%2s%2s%2s%2s";
-
-// sscanf's tokens of a line, converted one character at a time; 'x' reads
-// as a masked-out 0 when `golden`.
-int reference_line(const char* line, bool golden, uint8_t data[16], uint8_t mask[16])
-{
-    char t[16][3] = {};
-    int fields = sscanf(line, kFormat, t[0], t[1], t[2], t[3], t[4], t[5], t[6], t[7], t[8], t[9], t[10], t[11], t[12],
-                        t[13], t[14], t[15]);
-    auto value = [golden](char c) { return golden && c == 'x' ? 0 : to_i_4bit(c); };
-    auto kept = [golden](char c, int bits) { return golden && c == 'x' ? 0 : bits; };
-    for (int k = 0; k < 16; k++) {
-        data[15 - k] = (uint8_t)(value(t[k][0]) << 4 | value(t[k][1]));
-        mask[15 - k] = (uint8_t)(kept(t[k][0], 0xF0) | kept(t[k][1], 0x0F));
-    }
-    return fields;
-}
-
 // A line a run takes: 36 bytes, '_' every ninth, a line feed last, hex
 // digits (and for goldens 'x') elsewhere.
 bool is_run_line(const char* line, bool golden)
@@ -102,7 +84,7 @@ TEST(HexRuns, EveryDecoderAgreesWithSscanf)
                     ASSERT_TRUE(is_run_line(line, takes_x)) << dec.name << " took " << std::string(line, 36);
                     std::string text_line(line, 36);
                     uint8_t ref[16], ref_mask[16];
-                    ASSERT_EQ(reference_line(text_line.c_str(), golden, ref, ref_mask), 16);
+                    ASSERT_EQ(sscanf_hex_line(text_line.c_str(), golden, ref, ref_mask), 16);
                     ASSERT_EQ(memcmp(&data[16 * i], ref, 16), 0) << dec.name << " " << text_line;
                     if (golden) {
                         ASSERT_EQ(memcmp(&mask[16 * i], ref_mask, 16), 0) << dec.name << " " << text_line;
@@ -265,7 +247,7 @@ TEST(HexRuns, PatternLoadMatchesPieceByPieceReading)
         } else {
             filling = true;
             uint8_t data[16], mask[16];
-            if (reference_line(piece, false, data, mask) < 16)
+            if (sscanf_hex_line(piece, false, data, mask) < 16)
                 bar.out += "load_data():1084 sscanf fail\n";
             buffers.back().append((const char*)data, 16);
         }
@@ -330,7 +312,7 @@ TEST(HexRuns, GoldenLoadMatchesPieceByPieceReading)
             bar.out += warn;
         }
         uint8_t data[16], mask[16];
-        if (reference_line(piece, true, data, mask) < 16)
+        if (sscanf_hex_line(piece, true, data, mask) < 16)
             bar.out += "load_golden_hex():@ sscanf fail\n";
         data_of.back().append((const char*)data, take);
         mask_of.back().append((const char*)mask, take);

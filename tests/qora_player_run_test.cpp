@@ -350,11 +350,6 @@ INSTANTIATE_TEST_SUITE_P(
 INSTANTIATE_TEST_SUITE_P(
     BuiltInPatterns, RunTable,
     testing::Values(
-        play("Test", "-f Test", 0)
-            .prints({"] Get pattern : conv2d_uint8\n", "Verify pattern 1 times : success\n"})
-            .traces({"korvexSession_cmdBufAlloc(session#1, 320, 256) = cb#4"}),
-        play("MaxPower, twice: its masked cycle counter differs", "-f MaxPower -l 2", 0)
-            .prints({"] Get pattern : max_pwr4_pi\n", "Verify pattern 2 times : success\n"}),
         play("four code buffers on a core mask", "-f Test -t 4 -c 3 -l 2", 0)
             .prints({"Verify pattern 2 times : success\n"})
             .traces({"korvexCmd_setDependencyPack(cmd#1, subcmd#1, subcmd#4) = 0",

@@ -12,6 +12,7 @@
 
 #include "qora_test.h"
 #include "qora_test_settings.h"
+#include "qora_utils.h"
 
 std::string capture_stdout(const std::function<void()>& fn)
 {
@@ -61,6 +62,25 @@ std::string hex_line(uint32_t w0, uint32_t w1, uint32_t w2, uint32_t w3)
     char text[40];
     snprintf(text, sizeof(text), "%08x_%08x_%08x_%08x\n", w3, w2, w1, w0);
     return text;
+}
+
+int sscanf_hex_tokens(const char* line, char tok[16][3])
+{
+    return sscanf(line, "%2s%2s%2s%2s_%2s%2s%2s%2s_%2s%2s%2s%2s_%2s%2s%2s%2s", tok[0], tok[1], tok[2], tok[3], tok[4],
+                  tok[5], tok[6], tok[7], tok[8], tok[9], tok[10], tok[11], tok[12], tok[13], tok[14], tok[15]);
+}
+
+int sscanf_hex_line(const char* line, bool golden, uint8_t data[16], uint8_t mask[16])
+{
+    char t[16][3] = {};
+    int fields = sscanf_hex_tokens(line, t);
+    auto value = [golden](char c) { return golden && c == 'x' ? 0 : to_i_4bit(c); };
+    auto kept = [golden](char c, int bits) { return golden && c == 'x' ? 0 : bits; };
+    for (int k = 0; k < 16; k++) {
+        data[15 - k] = (uint8_t)(value(t[k][0]) << 4 | value(t[k][1]));
+        mask[15 - k] = (uint8_t)(kept(t[k][0], 0xF0) | kept(t[k][1], 0x0F));
+    }
+    return fields;
 }
 
 std::string make_tmp_dir(const std::string& name)

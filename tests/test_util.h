@@ -24,6 +24,12 @@ int run_player(const std::string& args, std::string* out, bool with_stderr = fal
 // One data line of a pattern or golden file: four words, the last one first.
 std::string hex_line(uint32_t w0, uint32_t w1, uint32_t w2, uint32_t w3);
 
+// The sixteen-token sscanf reading of a hex line that the decoders stand in
+// for: its tokens, and its bytes and mask converted one character at a time
+// ('x' reads as a masked-out 0 when `golden`). Both return sscanf's result.
+int sscanf_hex_tokens(const char* line, char tok[16][3]);
+int sscanf_hex_line(const char* line, bool golden, uint8_t data[16], uint8_t mask[16]);
+
 // A scratch directory for one test, emptied when it is made.
 std::string make_tmp_dir(const std::string& name);
 void write_file(const std::string& path, const std::string& content);
