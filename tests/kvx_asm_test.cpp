@@ -162,27 +162,12 @@ TEST(KvxAsm, ListingFailsWhenTheBufferIsShort)
 
 TEST(KvxAsm, ListingAssemblesBackToTheWords)
 {
-    words_t program = {kvx_asm_setr(0, 1),
-                       0x20000000,
-                       kvx_asm_setr(8, 5),
-                       12 | 12 << 16,
-                       8 | 16 << 16,
-                       3 | 3 << 8 | 1 << 16 | 1 << 24,
-                       77,
-                       10 | 128 << 8 | 10 << 16,
-                       kvx_asm_nop(3),
-                       0,
-                       0,
-                       kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3),
-                       kvx_asm_flow(1),
-                       0x0000010A,
-                       0x52100103,
-                       kvx_asm_nop(2),
-                       7,
-                       kvx_asm_end(),
-                       0xFFFFFFFF,
-                       kvx_asm_setr(15, 3),
-                       1};
+    // SETR r0; SETR r8 with a convolution's five words; NOP 3; CONV; FLOW 1;
+    // an unknown opcode; MOVE with a stray bit; NOP 2; END; a stray word;
+    // SETR past r15.
+    words_t program = {0x00000202, 0x20000000, 0x00080602, 0x000C000C, 0x00100008, 0x01010303, 77,
+                       0x000A800A, 0x00000301, 0,          0,          0x32100107, 0x00010108, 0x0000010A,
+                       0x52100103, 0x00000201, 7,          0,          0xFFFFFFFF, 0x000F0402, 1};
     EXPECT_EQ(assemble(disassemble(program)), program);
     // Any words: headers with small opcodes and lengths, or anything.
     std::mt19937 rng(7);

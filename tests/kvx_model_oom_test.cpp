@@ -23,22 +23,13 @@ long g_live;          // blocks handed out and not yet given back
 long g_until_failure; // 0: no failure planned; else allocations up to the one that fails
 bool g_failed;        // the planned failure happened
 
-void* take(size_t size, size_t align) noexcept
+void* take(size_t size, size_t align)
 {
-    if (g_until_failure > 0 && --g_until_failure == 0) {
-        g_failed = true;
-        return nullptr;
-    }
     void* p = nullptr;
-    if (posix_memalign(&p, std::max(align, sizeof(void*)), size == 0 ? 1 : size) != 0)
-        return nullptr;
-    g_live++;
-    return p;
-}
-
-void* take_or_throw(size_t size, size_t align)
-{
-    void* p = take(size, align);
+    if (g_until_failure > 0 && --g_until_failure == 0)
+        g_failed = true;
+    else if (posix_memalign(&p, std::max(align, sizeof(void*)), size == 0 ? 1 : size) == 0)
+        g_live++;
     if (p == nullptr)
         throw std::bad_alloc();
     return p;
@@ -54,36 +45,12 @@ void give(void* p) noexcept
 
 } // namespace
 
-const size_t kNewAlign = __STDCPP_DEFAULT_NEW_ALIGNMENT__;
+// The array and nothrow forms call these by default.
 void* operator new(size_t n)
 {
-    return take_or_throw(n, kNewAlign);
-}
-void* operator new[](size_t n)
-{
-    return take_or_throw(n, kNewAlign);
+    return take(n, __STDCPP_DEFAULT_NEW_ALIGNMENT__);
 }
 void* operator new(size_t n, std::align_val_t a)
-{
-    return take_or_throw(n, (size_t)a);
-}
-void* operator new[](size_t n, std::align_val_t a)
-{
-    return take_or_throw(n, (size_t)a);
-}
-void* operator new(size_t n, const std::nothrow_t&) noexcept
-{
-    return take(n, kNewAlign);
-}
-void* operator new[](size_t n, const std::nothrow_t&) noexcept
-{
-    return take(n, kNewAlign);
-}
-void* operator new(size_t n, std::align_val_t a, const std::nothrow_t&) noexcept
-{
-    return take(n, (size_t)a);
-}
-void* operator new[](size_t n, std::align_val_t a, const std::nothrow_t&) noexcept
 {
     return take(n, (size_t)a);
 }
@@ -91,15 +58,7 @@ void operator delete(void* p) noexcept
 {
     give(p);
 }
-void operator delete[](void* p) noexcept
-{
-    give(p);
-}
 void operator delete(void* p, size_t) noexcept
-{
-    give(p);
-}
-void operator delete[](void* p, size_t) noexcept
 {
     give(p);
 }
@@ -107,31 +66,7 @@ void operator delete(void* p, std::align_val_t) noexcept
 {
     give(p);
 }
-void operator delete[](void* p, std::align_val_t) noexcept
-{
-    give(p);
-}
 void operator delete(void* p, size_t, std::align_val_t) noexcept
-{
-    give(p);
-}
-void operator delete[](void* p, size_t, std::align_val_t) noexcept
-{
-    give(p);
-}
-void operator delete(void* p, const std::nothrow_t&) noexcept
-{
-    give(p);
-}
-void operator delete[](void* p, const std::nothrow_t&) noexcept
-{
-    give(p);
-}
-void operator delete(void* p, std::align_val_t, const std::nothrow_t&) noexcept
-{
-    give(p);
-}
-void operator delete[](void* p, std::align_val_t, const std::nothrow_t&) noexcept
 {
     give(p);
 }

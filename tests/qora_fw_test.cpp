@@ -167,25 +167,15 @@ TEST_F(Firmware, SectionCountLimit)
 TEST(FirmwareHeaders, RefusedImagesAndNaming)
 {
     std::string dir = make_tmp_dir("fw_refused");
-    std::string elf32(52, '\0'), elf64(64, '\0');
-    memcpy(&elf32[0],
-           "\x7f"
-           "ELF\x01\x02",
-           6); // big-endian
-    memcpy(&elf64[0],
-           "\x7f"
-           "ELF\x02\x01",
-           6);      // 64-bit, read with the 32-bit layout
+    std::string elf32 = std::string("\177ELF\1\2", 6) + std::string(46, '\0'); // big-endian
+    std::string elf64 = std::string("\177ELF\2\1", 6) + std::string(58, '\0'); // 64-bit, read as 32-bit
     elf64[46] = 64; // e_shentsize as the 32-bit layout sees it
     const struct {
         const char* name;
         std::string bytes;
         std::string printed;
     } cases[] = {
-        {"short.elf",
-         "\x7f"
-         "ELF",
-         "read header fail\n"},
+        {"short.elf", "\177ELF", "read header fail\n"},
         {"magic.elf", std::string(52, 'x'), "Not an ELF file - it has the wrong magic bytes at the start\n"},
         {"big.elf", elf32, "Only support LSB data!!\n"},
         {"wide.elf", elf64, "shentsize(64) or shnum(0) value is abnormal\n"},
