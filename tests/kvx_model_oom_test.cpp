@@ -117,6 +117,9 @@ void copy_command(fixture& f, bool run)
 }
 
 void nothing(fixture&) { }
+const auto a_buffer = [](fixture& f) { f.p = f.r->dram(16); };
+const auto one_sub = [](fixture& f) { with_subs(f, 1); };
+const auto two_subs = [](fixture& f) { with_subs(f, 2); };
 
 const std::vector<OomCall> kCalls = {
     {"korvexSession_createInstance", nothing,
@@ -137,28 +140,25 @@ const std::vector<OomCall> kCalls = {
      }},
     {"korvexSession_memAlloc VLM", nothing,
      [](fixture& f) { return korvexSession_memAlloc(f.r->s, 0, 0, KORVEX_MEM_TYPE_VLM, 0) == nullptr; }},
-    {"korvexSession_memFree", [](fixture& f) { f.p = f.r->dram(16); },
-     [](fixture& f) { return korvexSession_memFree(f.r->s, f.p) == -1; }},
-    {"korvexSession_memGetInfoFromHostPtr", [](fixture& f) { f.p = f.r->dram(16); },
+    {"korvexSession_memFree", a_buffer, [](fixture& f) { return korvexSession_memFree(f.r->s, f.p) == -1; }},
+    {"korvexSession_memGetInfoFromHostPtr", a_buffer,
      [](fixture& f) { return korvexSession_memGetInfoFromHostPtr(f.r->s, f.p, KORVEX_MEM_INFO_GET_DEVICE_VA) == 0; }},
-    {"korvexSession_memFlush", [](fixture& f) { f.p = f.r->dram(16); },
-     [](fixture& f) { return korvexSession_memFlush(f.r->s, f.p) == -1; }},
-    {"korvexSession_memInvalidate", [](fixture& f) { f.p = f.r->dram(16); },
+    {"korvexSession_memFlush", a_buffer, [](fixture& f) { return korvexSession_memFlush(f.r->s, f.p) == -1; }},
+    {"korvexSession_memInvalidate", a_buffer,
      [](fixture& f) { return korvexSession_memInvalidate(f.r->s, f.p) == -1; }},
     {"korvexSession_cmdBufAlloc", nothing,
      [](fixture& f) { return korvexSession_cmdBufAlloc(f.r->s, 256, 256) == nullptr; }},
     {"korvexSession_cmdBufFree", [](fixture& f) { f.p = f.r->cmdbuf(16); },
      [](fixture& f) { return korvexSession_cmdBufFree(f.r->s, f.p) == -1; }},
     {"korvexSession_createCmd", nothing, [](fixture& f) { return korvexSession_createCmd(f.r->s) == nullptr; }},
-    {"korvexSession_deleteCmd", [](fixture& f) { with_subs(f, 2); },
-     [](fixture& f) { return korvexSession_deleteCmd(f.r->s, f.cmd) == -1; }},
+    {"korvexSession_deleteCmd", two_subs, [](fixture& f) { return korvexSession_deleteCmd(f.r->s, f.cmd) == -1; }},
     {"korvexCmd_setParam", [](fixture& f) { with_subs(f, 0); },
      [](fixture& f) { return korvexCmd_setParam(f.cmd, CMD_PARAM_HARDLIMIT, 5) == -1; }},
-    {"korvexCmd_createSubcmd", [](fixture& f) { with_subs(f, 1); },
+    {"korvexCmd_createSubcmd", one_sub,
      [](fixture& f) { return korvexCmd_createSubcmd(f.cmd, KORVEX_DEVICE_QORA) == nullptr; }},
-    {"korvexCmd_setDependencyPack", [](fixture& f) { with_subs(f, 2); },
+    {"korvexCmd_setDependencyPack", two_subs,
      [](fixture& f) { return korvexCmd_setDependencyPack(f.cmd, f.sub, f.sub2) == -1; }},
-    {"korvexSubCmd_setParam", [](fixture& f) { with_subs(f, 1); },
+    {"korvexSubCmd_setParam", one_sub,
      [](fixture& f) { return korvexSubCmd_setParam(f.sub, SC_PARAM_BOOST_VALUE, 50) == -1; }},
     {"korvexSubCmd_addCmdBuf",
      [](fixture& f) {
@@ -166,7 +166,7 @@ const std::vector<OomCall> kCalls = {
          f.p = f.r->cmdbuf(16);
      },
      [](fixture& f) { return korvexSubCmd_addCmdBuf(f.sub, f.p, KORVEX_CB_IN) == -1; }},
-    {"korvexCmd_build", [](fixture& f) { with_subs(f, 1); }, [](fixture& f) { return korvexCmd_build(f.cmd) == -1; }},
+    {"korvexCmd_build", one_sub, [](fixture& f) { return korvexCmd_build(f.cmd) == -1; }},
     {"korvexCmd_run", [](fixture& f) { copy_command(f, false); },
      [](fixture& f) { return korvexCmd_run(f.cmd) == -1; }},
     {"korvexSubCmd_getRunInfo", [](fixture& f) { copy_command(f, true); },
