@@ -125,8 +125,6 @@ const struct {
     words_t words;
     const char* listing;
 } kListings[] = {
-    {{}, ""},
-    {{0}, "0x0000: END\n"},
     {{0x00000301, 0, 0, 0x00070108}, "0x0000: NOP 3\n0x000c: FLOW 7\n"},
     {{0x32100107, 0x00030109}, "0x0000: CONV r0, r1, r2, r3\n0x0004: CYCLES r3\n"},
     // Not instructions: unknown opcode, length 0, past the end, SETR refused.

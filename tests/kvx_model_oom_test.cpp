@@ -184,20 +184,10 @@ size_t open_files()
     return n;
 }
 
-// Makes `c` once as it is: the first call of each operation sets up what
-// the model keeps for all later ones (its hook counter).
-void first_call(const OomCall& c)
-{
-    kvx_rig r;
-    fixture f {&r, nullptr, nullptr, nullptr, nullptr, nullptr};
-    c.prepare(f);
-    EXPECT_FALSE(c.failed(f)) << c.call;
-    if (f.s2 != nullptr)
-        korvexSession_deleteInstance(f.s2);
-}
-
 // Makes `c` with its n-th allocation failing; returns whether that failure
-// happened, checking the answer and what stays held.
+// happened, checking the answer and what stays held. With n 0 nothing fails:
+// the first call of each operation sets up what the model keeps for all
+// later ones (its hook counter).
 bool call_failing_at(const OomCall& c, long n, bool traced)
 {
     std::string at = std::string(c.call) + ", allocation " + std::to_string(n) + (traced ? ", traced" : "");
@@ -225,8 +215,10 @@ bool call_failing_at(const OomCall& c, long n, bool traced)
         if (f.s2 != nullptr)
             korvexSession_deleteInstance(f.s2);
     }
-    EXPECT_EQ(g_live, live_at_start) << at << ": the session did not release everything";
-    EXPECT_EQ(open_files(), files_at_start) << at << ": a file stayed open";
+    if (n > 0) {
+        EXPECT_EQ(g_live, live_at_start) << at << ": the session did not release everything";
+        EXPECT_EQ(open_files(), files_at_start) << at << ": a file stayed open";
+    }
     return injected;
 }
 
@@ -240,9 +232,8 @@ TEST(EngineModelOutOfMemory, EveryCallAnswersFailureAndKeepsNothing)
             setenv("KVX_MODEL_ITRACE", (dir + "/instructions.txt").c_str(), 1);
         }
         for (const OomCall& c : kCalls) {
-            first_call(c);
-            long n = 1;
-            while (n < 5000 && call_failing_at(c, n, traced))
+            long n = 0;
+            while (n < 5000 && (call_failing_at(c, n, traced) || n == 0))
                 n++;
             EXPECT_LT(n, 5000) << c.call;
         }
