@@ -112,16 +112,4 @@ TEST(EngineFirmware, EachRuleHasItsCause)
     }
 }
 
-// Flusher mode reads the result size from the PMU information: the buffer
-// may be longer than one record.
-TEST(EngineFirmware, FlusherModeTakesItsResultSize)
-{
-    kvx_rig r;
-    kvx_bundle b = r.bundle({kvx_asm_flow(3), kvx_asm_end()}, 0, true);
-    kvx_outcome o = r.run(b);
-    EXPECT_EQ(o.run, 0);
-    EXPECT_EQ(b.pmu_out->burst_mode, 2);
-    EXPECT_EQ(b.pmu_buf[0], 0x51000003u) << "one record per flow";
-}
-
 } // namespace
