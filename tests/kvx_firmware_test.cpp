@@ -45,74 +45,57 @@ struct firmware_case {
     uint32_t cause, detail;
 };
 
-void direction(kvx_bundle& b, size_t index, korvex_cb_direction d)
+// Buffer `index` attached the other way `d`, or replaced by one of `size` bytes.
+change direction(size_t index, korvex_cb_direction d)
 {
-    b.attach[index].second = d;
+    return [=](kvx_rig&, kvx_bundle& b) { b.attach[index].second = d; };
+}
+change replace(size_t index, uint32_t size)
+{
+    return [=](kvx_rig& r, kvx_bundle& b) { b.attach[index].first = r.cmdbuf(size); };
 }
 
-void replace(kvx_rig& r, kvx_bundle& b, size_t index, uint32_t size)
-{
-    b.attach[index].first = r.cmdbuf(size);
-}
+// A field of the player's layout set to `value`.
+#define SET(field, value) [](kvx_rig&, kvx_bundle& b) { b.field = value; }
 
 TEST(EngineFirmware, EachRuleHasItsCause)
 {
     const firmware_case cases[] = {
         {"as the player lays them out", [](kvx_rig&, kvx_bundle&) {}, KVX_CAUSE_NONE, 0},
-        {"priority 7", [](kvx_rig&, kvx_bundle& b) { b.player->flag = 15; }, KVX_CAUSE_NONE, 0},
-        {"information attached as output", [](kvx_rig&, kvx_bundle& b) { direction(b, 0, KORVEX_CB_OUT); },
-         KVX_CAUSE_DIRECTION, 0},
-        {"result attached as input", [](kvx_rig&, kvx_bundle& b) { direction(b, 1, KORVEX_CB_IN); },
-         KVX_CAUSE_DIRECTION, 1},
-        {"code attached both ways", [](kvx_rig&, kvx_bundle& b) { direction(b, 2, KORVEX_CB_BIDIRECTIONAL); },
-         KVX_CAUSE_DIRECTION, 2},
-        {"player record attached as input", [](kvx_rig&, kvx_bundle& b) { direction(b, 3, KORVEX_CB_IN); },
-         KVX_CAUSE_DIRECTION, 3},
-        {"PMU output attached as input", [](kvx_rig&, kvx_bundle& b) { direction(b, 5, KORVEX_CB_IN); },
-         KVX_CAUSE_DIRECTION, 5},
-        {"PMU information attached as output", [](kvx_rig&, kvx_bundle& b) { direction(b, 4, KORVEX_CB_OUT); },
-         KVX_CAUSE_DIRECTION, 4},
-        {"player record in the code", [](kvx_rig&, kvx_bundle& b) { b.info->rsv_1_index = 2; }, KVX_CAUSE_INDEX_CLASH,
-         2},
-        {"player record index left 0", [](kvx_rig&, kvx_bundle& b) { b.info->rsv_1_index = 0; }, KVX_CAUSE_INDEX_CLASH,
-         0},
-        {"player record not attached", [](kvx_rig&, kvx_bundle& b) { b.info->rsv_1_index = 9; },
-         KVX_CAUSE_MISSING_BUFFER, 9},
+        {"priority 7", SET(player->flag, 15), KVX_CAUSE_NONE, 0},
+        {"information attached as output", direction(0, KORVEX_CB_OUT), KVX_CAUSE_DIRECTION, 0},
+        {"result attached as input", direction(1, KORVEX_CB_IN), KVX_CAUSE_DIRECTION, 1},
+        {"code attached both ways", direction(2, KORVEX_CB_BIDIRECTIONAL), KVX_CAUSE_DIRECTION, 2},
+        {"player record attached as input", direction(3, KORVEX_CB_IN), KVX_CAUSE_DIRECTION, 3},
+        {"PMU output attached as input", direction(5, KORVEX_CB_IN), KVX_CAUSE_DIRECTION, 5},
+        {"PMU information attached as output", direction(4, KORVEX_CB_OUT), KVX_CAUSE_DIRECTION, 4},
+        {"player record in the code", SET(info->rsv_1_index, 2), KVX_CAUSE_INDEX_CLASH, 2},
+        {"player record index left 0", SET(info->rsv_1_index, 0), KVX_CAUSE_INDEX_CLASH, 0},
+        {"player record not attached", SET(info->rsv_1_index, 9), KVX_CAUSE_MISSING_BUFFER, 9},
         {"only three buffers", [](kvx_rig&, kvx_bundle& b) { b.attach.resize(3); }, KVX_CAUSE_MISSING_BUFFER, 3},
-        {"information too short", [](kvx_rig& r, kvx_bundle& b) { replace(r, b, 0, 16); }, KVX_CAUSE_BUFFER_SIZE, 0},
-        {"result too short", [](kvx_rig& r, kvx_bundle& b) { replace(r, b, 1, 12); }, KVX_CAUSE_BUFFER_SIZE, 1},
-        {"player record too short", [](kvx_rig& r, kvx_bundle& b) { replace(r, b, 3, 32); }, KVX_CAUSE_BUFFER_SIZE, 3},
-        {"PMU information too short", [](kvx_rig& r, kvx_bundle& b) { replace(r, b, 4, 32); }, KVX_CAUSE_BUFFER_SIZE,
-         4},
-        {"PMU output too short", [](kvx_rig& r, kvx_bundle& b) { replace(r, b, 5, 5); }, KVX_CAUSE_BUFFER_SIZE, 5},
-        {"PMU result too short for a record", [](kvx_rig& r, kvx_bundle& b) { replace(r, b, 6, 32); },
-         KVX_CAUSE_BUFFER_SIZE, 6},
-        {"no marker", [](kvx_rig&, kvx_bundle& b) { b.info->reserved = 0x12345678; }, KVX_CAUSE_NO_MARKER, 0x12345678},
-        {"code offset inside a word", [](kvx_rig&, kvx_bundle& b) { b.info->code_offset = 1; }, KVX_CAUSE_CODE_OFFSET,
-         1},
-        {"code offset past the code", [](kvx_rig&, kvx_bundle& b) { b.info->code_offset = 4; }, KVX_CAUSE_CODE_OFFSET,
-         4},
-        {"PMU information in the player record", [](kvx_rig&, kvx_bundle& b) { b.info->pmu_info_index = 3; },
-         KVX_CAUSE_INDEX_CLASH, 3},
-        {"two PMU records in one buffer", [](kvx_rig&, kvx_bundle& b) { b.info->pmu_info_out_index = 4; },
-         KVX_CAUSE_INDEX_CLASH, 4},
-        {"one PMU index left 0", [](kvx_rig&, kvx_bundle& b) { b.info->pmu_result_index = 0; }, KVX_CAUSE_INDEX_CLASH,
-         0},
+        {"information too short", replace(0, 16), KVX_CAUSE_BUFFER_SIZE, 0},
+        {"result too short", replace(1, 12), KVX_CAUSE_BUFFER_SIZE, 1},
+        {"player record too short", replace(3, 32), KVX_CAUSE_BUFFER_SIZE, 3},
+        {"PMU information too short", replace(4, 32), KVX_CAUSE_BUFFER_SIZE, 4},
+        {"PMU output too short", replace(5, 5), KVX_CAUSE_BUFFER_SIZE, 5},
+        {"PMU result too short for a record", replace(6, 32), KVX_CAUSE_BUFFER_SIZE, 6},
+        {"no marker", SET(info->reserved, 0x12345678), KVX_CAUSE_NO_MARKER, 0x12345678},
+        {"code offset inside a word", SET(info->code_offset, 1), KVX_CAUSE_CODE_OFFSET, 1},
+        {"code offset past the code", SET(info->code_offset, 4), KVX_CAUSE_CODE_OFFSET, 4},
+        {"PMU information in the player record", SET(info->pmu_info_index, 3), KVX_CAUSE_INDEX_CLASH, 3},
+        {"two PMU records in one buffer", SET(info->pmu_info_out_index, 4), KVX_CAUSE_INDEX_CLASH, 4},
+        {"one PMU index left 0", SET(info->pmu_result_index, 0), KVX_CAUSE_INDEX_CLASH, 0},
         {"PMU buffers attached, PMU off",
          [](kvx_rig&, kvx_bundle& b) {
              b.info->pmu_info_index = b.info->pmu_info_out_index = b.info->pmu_result_index = 0;
          },
          KVX_CAUSE_UNNAMED_BUFFER, 4},
-        {"unknown PMU mode", [](kvx_rig&, kvx_bundle& b) { b.pmu->pmu_mode = 2; }, KVX_CAUSE_PMU_INFO, 4},
-        {"15 PMU events", [](kvx_rig&, kvx_bundle& b) { b.pmu->number_of_event = 15; }, KVX_CAUSE_PMU_INFO, 4},
-        {"PMU result size past its buffer", [](kvx_rig&, kvx_bundle& b) { b.pmu->result_buf_size = 65; },
-         KVX_CAUSE_PMU_INFO, 6},
-        {"PMU result size below a record", [](kvx_rig&, kvx_bundle& b) { b.pmu->result_buf_size = 63; },
-         KVX_CAUSE_PMU_INFO, 6},
-        {"player flag without the priority bit", [](kvx_rig&, kvx_bundle& b) { b.player->flag = 5; },
-         KVX_CAUSE_PLAYER_FLAG, 5},
-        {"player flag with other bits", [](kvx_rig&, kvx_bundle& b) { b.player->flag = 0x18; }, KVX_CAUSE_PLAYER_FLAG,
-         0x18},
+        {"unknown PMU mode", SET(pmu->pmu_mode, 2), KVX_CAUSE_PMU_INFO, 4},
+        {"15 PMU events", SET(pmu->number_of_event, 15), KVX_CAUSE_PMU_INFO, 4},
+        {"PMU result size past its buffer", SET(pmu->result_buf_size, 65), KVX_CAUSE_PMU_INFO, 6},
+        {"PMU result size below a record", SET(pmu->result_buf_size, 63), KVX_CAUSE_PMU_INFO, 6},
+        {"player flag without the priority bit", SET(player->flag, 5), KVX_CAUSE_PLAYER_FLAG, 5},
+        {"player flag with other bits", SET(player->flag, 0x18), KVX_CAUSE_PLAYER_FLAG, 0x18},
     };
     for (const firmware_case& c : cases) {
         kvx_rig r;
@@ -127,18 +110,6 @@ TEST(EngineFirmware, EachRuleHasItsCause)
         EXPECT_EQ(b.res->hw_error_msg, !record_written || c.cause == 0 ? 0 : (KVX_IRQ_BASE | c.cause)) << c.what;
         EXPECT_EQ(b.res->out_debug_info_msg, record_written ? c.detail : 0) << c.what;
     }
-}
-
-// Flusher mode reads the result size from the PMU information: the buffer
-// may be longer than one record.
-TEST(EngineFirmware, FlusherModeTakesItsResultSize)
-{
-    kvx_rig r;
-    kvx_bundle b = r.bundle({kvx_asm_flow(3), kvx_asm_end()}, 0, true);
-    kvx_outcome o = r.run(b);
-    EXPECT_EQ(o.run, 0);
-    EXPECT_EQ(b.pmu_out->burst_mode, 2);
-    EXPECT_EQ(b.pmu_buf[0], 0x51000003u) << "one record per flow";
 }
 
 } // namespace

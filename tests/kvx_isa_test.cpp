@@ -16,6 +16,12 @@ struct operands {
 };
 using program = std::function<std::vector<uint32_t>(kvx_rig&, const operands&)>;
 
+// Code that does not depend on the buffers.
+program fixed(std::vector<uint32_t> words)
+{
+    return [words](kvx_rig&, const operands&) { return words; };
+}
+
 std::vector<uint32_t> concat(std::initializer_list<std::vector<uint32_t>> parts)
 {
     std::vector<uint32_t> all;
@@ -28,6 +34,12 @@ std::vector<uint32_t> concat(std::initializer_list<std::vector<uint32_t>> parts)
 std::vector<uint32_t> regs(kvx_rig& r, const operands& o, uint32_t n)
 {
     return {kvx_asm_setr(0, 4), r.unit(o.out), r.unit(o.x), r.unit(o.y), n};
+}
+
+// Code that sets r0-r3 with r3 = n, then runs `body`.
+program with_regs(uint32_t n, std::vector<uint32_t> body)
+{
+    return [n, body](kvx_rig& r, const operands& o) { return concat({regs(r, o, n), body}); };
 }
 
 operands make_operands(kvx_rig& r)
@@ -49,32 +61,21 @@ TEST(EngineIsa, ResultsMatchTheirDefinitions)
         std::vector<uint8_t> out;
     } cases[] = {
         {"MOVE copies r[c] bytes",
-         [](kvx_rig& r, const operands& o) {
-             return concat({regs(r, o, 3), {kvx_asm_regs(KVX_OP_MOVE, 0, 1, 3, 0), kvx_asm_end()}});
-         },
+         with_regs(3, {kvx_asm_regs(KVX_OP_MOVE, 0, 1, 3, 0), kvx_asm_end()}),
          {200, 10, 255, 0xEE}},
         {"FILL writes the low byte",
-         [](kvx_rig& r, const operands& o) {
-             return concat(
-                 {regs(r, o, 2), kvx_set(1, 0x1235A), {kvx_asm_regs(KVX_OP_FILL, 0, 1, 3, 0), kvx_asm_end()}});
-         },
+         with_regs(2, concat({kvx_set(1, 0x1235A), {kvx_asm_regs(KVX_OP_FILL, 0, 1, 3, 0), kvx_asm_end()}})),
          {0x5A, 0x5A, 0xEE}},
         {"ADD8 saturates at 255",
-         [](kvx_rig& r, const operands& o) {
-             return concat({regs(r, o, 4), {kvx_asm_regs(KVX_OP_ADD8, 0, 1, 2, 3), kvx_asm_end()}});
-         },
+         with_regs(4, {kvx_asm_regs(KVX_OP_ADD8, 0, 1, 2, 3), kvx_asm_end()}),
          {255, 30, 255, 0, 0xEE}},
         {"MAX8 takes the larger byte",
-         [](kvx_rig& r, const operands& o) {
-             return concat({regs(r, o, 4), {kvx_asm_regs(KVX_OP_MAX8, 0, 1, 2, 3), kvx_asm_end()}});
-         },
+         with_regs(4, {kvx_asm_regs(KVX_OP_MAX8, 0, 1, 2, 3), kvx_asm_end()}),
          {200, 20, 255, 0, 0xEE}},
         {"NOP skips its words",
-         [](kvx_rig& r, const operands& o) {
-             return concat({regs(r, o, 1),
-                            kvx_set(1, 0x42),
-                            {kvx_asm_nop(3), 0x1F7, 0x1F7, kvx_asm_regs(KVX_OP_FILL, 0, 1, 3, 0), kvx_asm_end()}});
-         },
+         with_regs(1,
+                   concat({kvx_set(1, 0x42),
+                           {kvx_asm_nop(3), 0x1F7, 0x1F7, kvx_asm_regs(KVX_OP_FILL, 0, 1, 3, 0), kvx_asm_end()}})),
          {0x42, 0xEE}},
         {"SETR loads consecutive registers",
          [](kvx_rig& r, const operands& o) {
@@ -116,70 +117,34 @@ struct fault_case {
 TEST(EngineIsa, FaultsNameTheirCause)
 {
     auto offset = [](uint32_t o) { return [o](kvx_rig&, const operands&) { return o; }; };
-    auto fill_at = [](uint32_t va, uint32_t n) {
-        return [va, n](kvx_rig&, const operands&) { return kvx_fill(va, n); };
-    };
     void* cb = nullptr; // command buffers are never engine memory
     auto cb_va = [&cb](kvx_rig& r, const operands&) { return r.va(cb); };
     const fault_case cases[] = {
-        {"unknown opcode after flow 5",
-         [](kvx_rig&, const operands&) {
-             return std::vector<uint32_t> {kvx_asm_flow(5), 0x1F7};
-         },
-         KVX_CAUSE_UNKNOWN_OPCODE, offset(4), 5},
-        {"zero length",
-         [](kvx_rig&, const operands&) {
-             return std::vector<uint32_t> {kvx_asm_nop(2), 0, KVX_OP_MOVE, kvx_asm_end()};
-         },
-         KVX_CAUSE_ZERO_LENGTH, offset(8), 0},
-        {"operands past the end",
-         [](kvx_rig&, const operands&) {
-             return std::vector<uint32_t> {kvx_asm_setr(0, 3), 1};
-         },
-         KVX_CAUSE_PAST_END, offset(0), 0},
-        {"no END", [](kvx_rig&, const operands&) { return std::vector<uint32_t> {kvx_asm_nop(1)}; }, KVX_CAUSE_PAST_END,
-         offset(4), 0},
-        {"SETR past r15",
-         [](kvx_rig&, const operands&) {
-             return std::vector<uint32_t> {kvx_asm_setr(15, 2), 1, 2, kvx_asm_end()};
-         },
-         KVX_CAUSE_BAD_OPERAND, offset(0), 0},
+        {"unknown opcode after flow 5", fixed({kvx_asm_flow(5), 0x1F7}), KVX_CAUSE_UNKNOWN_OPCODE, offset(4), 5},
+        {"zero length", fixed({kvx_asm_nop(2), 0, KVX_OP_MOVE, kvx_asm_end()}), KVX_CAUSE_ZERO_LENGTH, offset(8), 0},
+        {"operands past the end", fixed({kvx_asm_setr(0, 3), 1}), KVX_CAUSE_PAST_END, offset(0), 0},
+        {"no END", fixed({kvx_asm_nop(1)}), KVX_CAUSE_PAST_END, offset(4), 0},
+        {"SETR past r15", fixed({kvx_asm_setr(15, 2), 1, 2, kvx_asm_end()}), KVX_CAUSE_BAD_OPERAND, offset(0), 0},
         {"convolution with stride 0",
-         [](kvx_rig&, const operands&) {
-             return std::vector<uint32_t> {
-                 kvx_asm_setr(8, 3), 1 | 1 << 16, 1 | 1 << 16, 1 | 1 << 8, kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3),
-                 kvx_asm_end()};
-         },
+         fixed({kvx_asm_setr(8, 3), 1 | 1 << 16, 1 | 1 << 16, 1 | 1 << 8, kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3),
+                kvx_asm_end()}),
          KVX_CAUSE_BAD_OPERAND, offset(16), 0},
         {"convolution without input channels",
-         [](kvx_rig&, const operands&) {
-             return std::vector<uint32_t> {kvx_asm_setr(8, 3),
-                                           1 | 1 << 16,
-                                           0 | 1 << 16,
-                                           1 | 1 << 8 | 1 << 16,
-                                           kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3),
-                                           kvx_asm_end()};
-         },
+         fixed({kvx_asm_setr(8, 3), 1 | 1 << 16, 0 | 1 << 16, 1 | 1 << 8 | 1 << 16,
+                kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3), kvx_asm_end()}),
          KVX_CAUSE_BAD_OPERAND, offset(16), 0},
         {"convolution without output channels",
-         [](kvx_rig&, const operands&) {
-             return std::vector<uint32_t> {
-                 kvx_asm_setr(8, 3), 1 | 1 << 16, 1, 1 | 1 << 8 | 1 << 16, kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3),
-                 kvx_asm_end()};
-         },
+         fixed({kvx_asm_setr(8, 3), 1 | 1 << 16, 1, 1 | 1 << 8 | 1 << 16, kvx_asm_regs(KVX_OP_CONV, 0, 1, 2, 3),
+                kvx_asm_end()}),
          KVX_CAUSE_BAD_OPERAND, offset(16), 0},
-        {"no memory there", fill_at(0x1000, 16), KVX_CAUSE_NO_MEMORY, offset(0x1000), 0},
-        {"the on-chip window outside the VLM", fill_at(0x1D800000, 16), KVX_CAUSE_NO_MEMORY, offset(0x1D800000), 0},
-        {"the VLM without a handle", fill_at(0x1D900000, 16), KVX_CAUSE_VLM_NOT_HELD, offset(0x1D900000), 0},
-        {"past the end of a buffer",
-         [](kvx_rig& r, const operands& o) {
-             return concat({regs(r, o, 17), {kvx_asm_regs(KVX_OP_FILL, 0, 1, 3, 0), kvx_asm_end()}});
-         },
+        {"no memory there", fixed(kvx_fill(0x1000, 16)), KVX_CAUSE_NO_MEMORY, offset(0x1000), 0},
+        {"the on-chip window outside the VLM", fixed(kvx_fill(0x1D800000, 16)), KVX_CAUSE_NO_MEMORY, offset(0x1D800000),
+         0},
+        {"the VLM without a handle", fixed(kvx_fill(0x1D900000, 16)), KVX_CAUSE_VLM_NOT_HELD, offset(0x1D900000), 0},
+        {"past the end of a buffer", with_regs(17, {kvx_asm_regs(KVX_OP_FILL, 0, 1, 3, 0), kvx_asm_end()}),
          KVX_CAUSE_NO_MEMORY, [](kvx_rig& r, const operands& o) { return r.va(o.out); }, 0},
         {"a source outside memory",
-         [](kvx_rig& r, const operands& o) {
-             return concat({regs(r, o, 4), kvx_set(1, 0x100), {kvx_asm_regs(KVX_OP_ADD8, 0, 1, 2, 3), kvx_asm_end()}});
-         },
+         with_regs(4, concat({kvx_set(1, 0x100), {kvx_asm_regs(KVX_OP_ADD8, 0, 1, 2, 3), kvx_asm_end()}})),
          KVX_CAUSE_NO_MEMORY, offset(0x1000), 0},
         {"a command buffer",
          [&cb](kvx_rig& r, const operands&) {

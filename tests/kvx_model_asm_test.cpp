@@ -4,9 +4,10 @@
 // buffer is never decoded.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <sstream>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -18,41 +19,23 @@ namespace
 // The n-th fenced block after `heading` in a document.
 std::string fenced_block(const std::string& doc, const std::string& heading, int n)
 {
-    size_t at = doc.find(heading);
-    for (int i = 0; at != std::string::npos; i++) {
-        size_t open = doc.find("```\n", at);
-        size_t close = open == std::string::npos ? open : doc.find("```", open + 4);
-        if (close == std::string::npos)
-            break;
-        if (i == n)
-            return doc.substr(open + 4, close - open - 4);
-        at = close + 3;
-    }
-    return "";
+    std::string rest = doc.substr(std::min(doc.find(heading), doc.size()));
+    std::regex block("```\n([^`]*)```");
+    std::sregex_iterator m(rest.begin(), rest.end(), block), end;
+    for (int i = 0; i < n && m != end; i++)
+        ++m;
+    return m == end ? "" : (*m)[1].str();
 }
 
-// "0x0008: SETR r1, ..." -> "0x0008 SETR"; comment lines dropped.
-std::vector<std::string> listed(const std::string& listing)
+// "offset name" of each instruction `step` finds (offset, then name): a
+// listing's "0x0008: SETR r1, ..." or a trace's "subcmd#1 pc=0x0008 SETR ...".
+std::vector<std::string> steps(const std::string& text, const char* step)
 {
-    std::vector<std::string> steps;
-    std::istringstream in(listing);
-    for (std::string line; std::getline(in, line);)
-        if (line.rfind("0x", 0) == 0)
-            steps.push_back(line.substr(0, 6) + " " + line.substr(8, line.find_first_of(" \n", 8) - 8));
-    return steps;
-}
-
-// "subcmd#1 pc=0x0008 SETR r1=..." -> "0x0008 SETR".
-std::vector<std::string> executed(const std::string& trace)
-{
-    std::vector<std::string> steps;
-    std::istringstream in(trace);
-    for (std::string line; std::getline(in, line);) {
-        size_t pc = line.find(" pc=");
-        if (pc != std::string::npos)
-            steps.push_back(line.substr(pc + 4, line.find(' ', pc + 4 + 7) - pc - 4));
-    }
-    return steps;
+    std::vector<std::string> found;
+    std::regex re(step);
+    for (std::sregex_iterator m(text.begin(), text.end(), re), end; m != end; ++m)
+        found.push_back((*m)[1].str() + " " + (*m)[2].str());
+    return found;
 }
 
 TEST(KvxAsmModel, ListingOffsetsAreWhereTheEngineRunsTheCopyExample)
@@ -76,8 +59,8 @@ TEST(KvxAsmModel, ListingOffsetsAreWhereTheEngineRunsTheCopyExample)
                          "KVX_MODEL_ITRACE=" + dir + "/itrace"),
               0)
         << out;
-    std::vector<std::string> ran = executed(read_file(dir + "/itrace"));
-    EXPECT_EQ(listed(listing), ran);
+    std::vector<std::string> ran = steps(read_file(dir + "/itrace"), " pc=(0x[0-9a-f]{4}) ([^ \n]+)");
+    EXPECT_EQ(steps("\n" + listing, "\n(0x[0-9a-f]{4}): ([^ \n]+)"), ran);
     EXPECT_EQ(ran.size(), 5u); // three SETRs, MOVE, END
 }
 

@@ -1,6 +1,6 @@
-/* The engine model from a plain C program: a buffer copy, with timings and
- * PMU counts. Exits 0 when all is right. (The convolution is checked
- * against its definition in kvx_model_test.cpp.) */
+/* The engine model from a plain C program: its headers compile as C and a
+ * buffer copy runs. Exits 0 when all is right. (Timings, PMU counts and
+ * the instructions are checked in kvx_model_test.cpp and kvx_isa_test.cpp.) */
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
@@ -15,12 +15,6 @@
             return 1;                                                                                                  \
         }                                                                                                              \
     } while (0)
-
-struct __attribute__((packed)) pmu_info {
-    uint32_t result_buf_size;
-    uint8_t pmu_mode, number_of_event;
-    uint16_t event[14];
-};
 
 static uint32_t unit(korvex_session_t* s, void* p)
 {
@@ -51,25 +45,14 @@ int main(void)
     uint32_t* res = korvexSession_cmdBufAlloc(s, 16, 256);
     uint32_t* cb = korvexSession_cmdBufAlloc(s, sizeof(code), 256);
     uint32_t* player = korvexSession_cmdBufAlloc(s, 36, 256);
-    struct pmu_info* pmu = korvexSession_cmdBufAlloc(s, 34, 256);
-    uint32_t* pmu_res = korvexSession_cmdBufAlloc(s, 6, 256);
-    uint32_t* pmu_buf = korvexSession_cmdBufAlloc(s, 64, 0x100000);
     memcpy(cb, code, sizeof(code));
     info[1] = 0x59414C50; /* "PLAY" */
-    info[2] = 4;
-    info[3] = 5;
-    info[4] = 6;
-    info[5] = 3;
-    pmu->result_buf_size = 64;
-    pmu->number_of_event = 2;
-    pmu->event[0] = 0x1001;
-    pmu->event[1] = 0x1002;
-    void* cmdbufs[] = {info, res, cb, player, pmu, pmu_res, pmu_buf};
-    korvex_cb_direction dirs[] = {KORVEX_CB_IN, KORVEX_CB_OUT, KORVEX_CB_IN, KORVEX_CB_BIDIRECTIONAL,
-                                  KORVEX_CB_IN, KORVEX_CB_OUT, KORVEX_CB_OUT};
+    info[5] = 3;          /* the player record's index; no PMU */
+    void* cmdbufs[] = {info, res, cb, player};
+    korvex_cb_direction dirs[] = {KORVEX_CB_IN, KORVEX_CB_OUT, KORVEX_CB_IN, KORVEX_CB_BIDIRECTIONAL};
     korvex_cmd_t* cmd = korvexSession_createCmd(s);
     korvex_subcmd_t* sub = korvexCmd_createSubcmd(cmd, KORVEX_DEVICE_QORA);
-    for (int i = 0; i < 7; i++) {
+    for (int i = 0; i < 4; i++) {
         CHECK(korvexSession_memFlush(s, cmdbufs[i]) == 0);
         CHECK(korvexSubCmd_addCmdBuf(sub, cmdbufs[i], dirs[i]) == 0);
     }
@@ -79,9 +62,6 @@ int main(void)
     CHECK(memcmp(dst, src, 64) == 0);
     CHECK(res[0] == 0 && res[2] == 0);
     CHECK(player[7] >= 1 && korvexSubCmd_getRunInfo(sub, SC_RUNINFO_IPTIME) == player[7]);
-    CHECK(korvexSubCmd_getRunInfo(sub, SC_RUNINFO_DRIVERTIME) > korvexSubCmd_getRunInfo(sub, SC_RUNINFO_IPTIME));
-    CHECK(pmu_res[0] == 1000000);                                            /* 1000 MHz, in kHz */
-    CHECK(pmu_buf[0] == 0x51000001 && pmu_buf[2] == 64 && pmu_buf[3] == 64); /* one flow; bytes read, written */
     CHECK(korvexSession_deleteCmd(s, cmd) == 0);
     CHECK(korvexSession_deleteInstance(s) == 0);
     puts("engine model smoke test: passed");

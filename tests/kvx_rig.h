@@ -38,13 +38,17 @@ struct kvx_outcome {
 class kvx_rig
 {
 public:
-    // A session of an engine with `cores` cores. The other hooks are read
-    // from the environment here too.
-    explicit kvx_rig(uint32_t cores = 2)
+    // A session of an engine with `cores` cores, and the hook `hook` set to
+    // `value` (when not null): the hooks are read from the environment here.
+    explicit kvx_rig(uint32_t cores = 2, const char* hook = "", const char* value = nullptr)
     {
         setenv("KVX_MODEL_CORES", std::to_string(cores).c_str(), 1);
+        if (value != nullptr)
+            setenv(hook, value, 1);
         s = korvexSession_createInstance();
         unsetenv("KVX_MODEL_CORES");
+        if (value != nullptr)
+            unsetenv(hook);
     }
     ~kvx_rig() { korvexSession_deleteInstance(s); }
     kvx_rig(const kvx_rig&) = delete;

@@ -62,12 +62,16 @@ std::string array_bytes(const std::string& header, const std::string& name)
     return bytes;
 }
 
-std::string convert(const std::string& elf, int* rc)
+// What converting `elf` returned and printed.
+struct converted {
+    int rc = -2;
+    std::string out;
+};
+converted convert(const std::string& elf)
 {
-    return capture_stdout([&] {
-        qoraFirmware fw;
-        *rc = fw.convert_fw_elf_to_hdr(elf);
-    });
+    converted c;
+    c.out = capture_stdout([&] { c.rc = qoraFirmware().convert_fw_elf_to_hdr(elf); });
+    return c;
 }
 
 class Firmware : public testing::Test
@@ -79,6 +83,8 @@ protected:
             GTEST_SKIP() << "no RISC-V binutils";
         dir = make_tmp_dir(std::string("fw_") + testing::UnitTest::GetInstance()->current_test_info()->name());
     }
+    // The header a converted image in `dir` writes: named after the directory.
+    std::string header() const { return dir + "/qora_fw_" + dir.substr(dir.rfind('/') + 1) + ".h"; }
     std::string dir;
 };
 
@@ -92,11 +98,10 @@ TEST_F(Firmware, SectionsMatchObjcopy)
                                  {".text_c", 0x19005000, ".byte 7"},
                                  {".text_out", 0x18FFFFFC, ".word 7"},
                                  {".bss_in", 0x19008000, ".skip 64"}});
-    int rc = -2;
-    std::string out = convert(elf, &rc);
-    EXPECT_EQ(rc, 0);
+    converted c = convert(elf);
+    EXPECT_EQ(c.rc, 0);
     std::string hdr_path = dir + "/v1.2/qora_fw_v1p2.h";
-    EXPECT_EQ(out, "Generate  " + hdr_path + "\n");
+    EXPECT_EQ(c.out, "Generate  " + hdr_path + "\n");
     std::string h = read_file(hdr_path);
     // The boot section is the one whose index is the number of names before
     // ".qora_boot" in the name table; GNU ld writes ".shstrtab" first, so
@@ -123,23 +128,19 @@ TEST_F(Firmware, SectionsMatchObjcopy)
 TEST_F(Firmware, NoBootSectionIsRefused)
 {
     std::string elf = build_elf(dir, "noboot", {{".text_a", 0x19000000, ".word 1"}});
-    int rc = -2;
-    EXPECT_EQ(convert(elf, &rc), "no .qora_boot section in " + elf + "\n");
-    EXPECT_EQ(rc, -1);
-    std::string header = dir + "/qora_fw_" + dir.substr(dir.rfind('/') + 1) + ".h";
-    EXPECT_TRUE(std::ifstream(header).good()); // the header is created and left empty
-    EXPECT_EQ(read_file(header), "");
+    converted c = convert(elf);
+    EXPECT_EQ(c.out, "no .qora_boot section in " + elf + "\n");
+    EXPECT_EQ(c.rc, -1);
+    EXPECT_TRUE(std::ifstream(header()).good()); // the header is created and left empty
+    EXPECT_EQ(read_file(header()), "");
 }
 
 TEST_F(Firmware, LargeSectionsAreCut)
 {
     std::string elf = build_elf(
         dir, "big", {{".qora_boot", 0x10000000, ".word 1"}, {".text_big", 0x19000000, ".fill 300000, 1, 0xab"}});
-    int rc = -2;
-    convert(elf, &rc);
-    ASSERT_EQ(rc, 0);
-    std::string h = read_file(dir + "/qora_fw_" + dir.substr(dir.rfind('/') + 1) + ".h");
-    EXPECT_EQ(array_bytes(h, "rv_19000000"), std::string(262144, '\xab'));
+    ASSERT_EQ(convert(elf).rc, 0);
+    EXPECT_EQ(array_bytes(read_file(header()), "rv_19000000"), std::string(262144, '\xab'));
 }
 
 // 30 sections convert, 31 are refused: dummy sections fill the table up.
@@ -155,54 +156,40 @@ TEST_F(Firmware, SectionCountLimit)
         uint16_t shnum;
         memcpy(&shnum, bytes.data() + 48, 2);
         ASSERT_EQ(shnum, wanted);
-        int rc = -2;
-        std::string out = convert(elf, &rc);
-        EXPECT_EQ(rc, wanted == 30 ? 0 : -1) << out;
-        if (wanted == 31) {
-            EXPECT_EQ(out, "shentsize(40) or shnum(31) value is abnormal\n");
-        }
+        converted c = convert(elf);
+        EXPECT_EQ(c.rc, wanted == 30 ? 0 : -1) << c.out;
+        EXPECT_EQ(c.out == "shentsize(40) or shnum(31) value is abnormal\n", wanted == 31) << c.out;
     }
 }
 
 TEST(FirmwareHeaders, RefusedImagesAndNaming)
 {
     std::string dir = make_tmp_dir("fw_refused");
-    std::string elf32(52, '\0'), elf64(64, '\0');
-    memcpy(&elf32[0],
-           "\x7f"
-           "ELF\x01\x02",
-           6); // big-endian
-    memcpy(&elf64[0],
-           "\x7f"
-           "ELF\x02\x01",
-           6);      // 64-bit, read with the 32-bit layout
+    std::string elf32 = std::string("\177ELF\1\2", 6) + std::string(46, '\0'); // big-endian
+    std::string elf64 = std::string("\177ELF\2\1", 6) + std::string(58, '\0'); // 64-bit, read as 32-bit
     elf64[46] = 64; // e_shentsize as the 32-bit layout sees it
     const struct {
         const char* name;
         std::string bytes;
         std::string printed;
     } cases[] = {
-        {"short.elf",
-         "\x7f"
-         "ELF",
-         "read header fail\n"},
+        {"short.elf", "\177ELF", "read header fail\n"},
         {"magic.elf", std::string(52, 'x'), "Not an ELF file - it has the wrong magic bytes at the start\n"},
         {"big.elf", elf32, "Only support LSB data!!\n"},
         {"wide.elf", elf64, "shentsize(64) or shnum(0) value is abnormal\n"},
     };
     for (const auto& c : cases) {
         write_file(dir + "/" + c.name, c.bytes);
-        int rc = 0;
-        EXPECT_EQ(convert(dir + "/" + c.name, &rc), c.printed) << c.name;
-        EXPECT_EQ(rc, -1) << c.name;
+        converted r = convert(dir + "/" + c.name);
+        EXPECT_EQ(r.out, c.printed) << c.name;
+        EXPECT_EQ(r.rc, -1) << c.name;
     }
-    int rc = 0;
-    EXPECT_EQ(convert(dir + "/none.elf", &rc), "open file(" + dir + "/none.elf) error\n");
+    EXPECT_EQ(convert(dir + "/none.elf").out, "open file(" + dir + "/none.elf) error\n");
     // A bare file name writes qora_fw.h in the working directory.
     char cwd[4096];
     ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
     ASSERT_EQ(chdir(dir.c_str()), 0);
-    convert("wide.elf", &rc);
+    convert("wide.elf");
     EXPECT_EQ(access("qora_fw.h", F_OK), 0);
     ASSERT_EQ(chdir(cwd), 0);
 }
