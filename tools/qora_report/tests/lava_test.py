@@ -214,5 +214,8 @@ def test_run_script_and_report_pass_and_fail_the_same_runs(job, require_compare)
         if log["verdict"] == "golden_error":
             assert log["lava"]["reason"] == "golden error: " + log["reason"], case
     assert results["pattern_4"] == ("fail" if require_compare == "true" else "pass")
+    # The script's measurement of a real player's run: its mean execute time.
+    test = next(r for r in (job["dir"] / "record.txt").read_text().splitlines() if r.startswith("Test "))
+    assert float(test.split("--measurement ")[1].split()[0]) > 0
     assert sorted(case for case, r in results.items() if r == "pass") == (
         ["Test", "pattern"] + ([] if require_compare == "true" else ["pattern_4"]))
