@@ -142,7 +142,7 @@ def test_report_agrees_with_the_engine_model(played, tmp_path, name):
     # a run the trace has not finished.
     if name == "killed":
         assert 2 <= len(log["loops"]) <= len(runs) + 1
-        assert (log["verdict"], log["exit_status"], status) == ("incomplete", None, 1)
+        assert (log["verdict"], log["exit_status"], log["status"], status) == ("incomplete", None, "incomplete", 1)
         assert [loop["verdict"] for loop in log["loops"]] == ["pass"] * (len(log["loops"]) - 1) + ["incomplete"]
         assert isinstance(cases[-1].result[0], Error)
         return
