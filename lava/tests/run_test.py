@@ -76,49 +76,37 @@ def cases(record):
     return found
 
 
+# per-loop (result, time) of three loops
+PASSED = [("pass", "100"), ("pass", "101"), ("pass", "102")]
+FAILED = [("fail", "100"), ("fail", "101"), ("fail", "102")]
+FIRST_FAILED = [("fail", "100"), ("skip", None), ("skip", None)]
 # pattern entry, case name, result, mean, reason on the console, per-loop (result, time)
 PATTERNS = [
-    ("p/pass.hex:g.hex", "pass", "pass", "101.0", "verified 3 loops",
-     [("pass", "100"), ("pass", "101"), ("pass", "102")]),
+    ("p/pass.hex:g.hex", "pass", "pass", "101.0", "verified 3 loops", PASSED),
     ("fail.hex:g.hex", "fail", "fail", "100.5", "compare golden fail in loop 1",
      [("pass", "100"), ("fail", "101"), ("skip", None)]),
     ("die.hex:g.hex", "die", "fail", "100.0", "killed by signal 11",
      [("pass", "100"), ("fail", None), ("skip", None)]),
-    ("hup.hex:g.hex", "hup", "fail", "100.0", "killed by signal 1",
-     [("fail", "100"), ("skip", None), ("skip", None)]),
-    ("cmdfail.hex", "cmdfail", "fail", "100.0", "command failed in loop 0",
-     [("fail", "100"), ("skip", None), ("skip", None)]),
-    ("nogolden.hex:missing_g.hex", "nogolden", "fail", "101.0", "golden error: open file(missing_g.hex) error",
-     [("fail", "100"), ("fail", "101"), ("fail", "102")]),
+    ("hup.hex:g.hex", "hup", "fail", "100.0", "killed by signal 1", FIRST_FAILED),
+    ("cmdfail.hex", "cmdfail", "fail", "100.0", "command failed in loop 0", FIRST_FAILED),
+    ("nogolden.hex:missing_g.hex", "nogolden", "fail", "101.0", "golden error: open file(missing_g.hex) error", FAILED),
     ("nogolden.hex:g.hex", "nogolden_2", "fail", "101.0",
-     "golden error: nothing compared although 1 golden file(s) were given",
-     [("fail", "100"), ("fail", "101"), ("fail", "102")]),
-    ("typo.hex:g.txt", "typo", "fail", "101.0", "golden error: Golden file type: Fail",
-     [("fail", "100"), ("fail", "101"), ("fail", "102")]),
+     "golden error: nothing compared although 1 golden file(s) were given", FAILED),
+    ("typo.hex:g.txt", "typo", "fail", "101.0", "golden error: Golden file type: Fail", FAILED),
     ("oversize.hex:g.hex", "oversize", "fail", "101.0",
-     "golden error: Warning : read golden size(0x40) > output size(0x20)",
-     [("fail", "100"), ("fail", "101"), ("fail", "102")]),
+     "golden error: Warning : read golden size(0x40) > output size(0x20)", FAILED),
     # a golden data line it could not scan: harmless when the run verified
-    ("scan.hex:g.hex", "scan", "pass", "101.0", "verified 3 loops",
-     [("pass", "100"), ("pass", "101"), ("pass", "102")]),
-    ("scan_done.hex:g.hex", "scan_done", "fail", "101.0", "golden error: load_golden_hex():65 sscanf fail",
-     [("fail", "100"), ("fail", "101"), ("fail", "102")]),
-    ("plain.hex", "plain", "pass", "101.0", "nothing compared: no golden given",
-     [("pass", "100"), ("pass", "101"), ("pass", "102")]),
-    ("missing.hex:g.hex", "missing", "fail", None, "pattern did not load",
-     [("skip", None), ("skip", None), ("skip", None)]),
+    ("scan.hex:g.hex", "scan", "pass", "101.0", "verified 3 loops", PASSED),
+    ("scan_done.hex:g.hex", "scan_done", "fail", "101.0", "golden error: load_golden_hex():65 sscanf fail", FAILED),
+    ("plain.hex", "plain", "pass", "101.0", "nothing compared: no golden given", PASSED),
+    ("missing.hex:g.hex", "missing", "fail", None, "pattern did not load", [("skip", None)] * 3),
     ("crash.hex:g.hex", "crash", "fail", "101.0", "exit status 1 after 3 runs",
      [("pass", "100"), ("pass", "101"), ("fail", "102")]),
-    ("q/pass.bin:g1.hex,g2.hex", "pass_2", "pass", "101.0", "verified 3 loops",
-     [("pass", "100"), ("pass", "101"), ("pass", "102")]),
-    ("Test", "Test", "pass", "101.0", "verified 3 loops",
-     [("pass", "100"), ("pass", "101"), ("pass", "102")]),
-    ("r/pass_2.hex:g.hex", "pass_2_2", "pass", "101.0", "verified 3 loops",
-     [("pass", "100"), ("pass", "101"), ("pass", "102")]),
-    ("s/.hex:g.hex", "pattern", "pass", "101.0", "verified 3 loops",
-     [("pass", "100"), ("pass", "101"), ("pass", "102")]),
-    ("t/a+b=c.hex:g.hex", "a_b_c", "pass", "101.0", "verified 3 loops",
-     [("pass", "100"), ("pass", "101"), ("pass", "102")]),
+    ("q/pass.bin:g1.hex,g2.hex", "pass_2", "pass", "101.0", "verified 3 loops", PASSED),
+    ("Test", "Test", "pass", "101.0", "verified 3 loops", PASSED),
+    ("r/pass_2.hex:g.hex", "pass_2_2", "pass", "101.0", "verified 3 loops", PASSED),
+    ("s/.hex:g.hex", "pattern", "pass", "101.0", "verified 3 loops", PASSED),
+    ("t/a+b=c.hex:g.hex", "a_b_c", "pass", "101.0", "verified 3 loops", PASSED),
 ]
 
 
@@ -218,25 +206,3 @@ def test_bad_parameters_are_refused_before_any_run(board, args):
     assert record == []
     assert "usage:" in proc.stderr
 
-
-@pytest.mark.skipif(not os.environ.get("QORA_PLAYER"), reason="needs the built player")
-def test_real_player_exit_status_agrees_with_the_case_results(tmp_path):
-    """The host-built player on the engine model: each case's result must
-    agree with what the player itself returned for the same pattern."""
-    player = os.environ["QORA_PLAYER"]
-    record = tmp_path / "record.txt"
-    bin_dir = tmp_path / "bin"
-    bin_dir.mkdir()
-    for name, body in HELPERS.items():
-        (bin_dir / name).write_text("#!/bin/sh\n" + body + "\n")
-        (bin_dir / name).chmod(0o755)
-    env = dict(os.environ, PATH=f"{bin_dir}:{os.environ['PATH']}", LAVA_RECORD=str(record))
-    entries = {"Test": "pass", str(tmp_path / "none.hex"): "fail"}
-    subprocess.run(["dash", SCRIPT, "-p", player, "-f", " ".join(entries), "-l", "2", "-r", str(tmp_path / "logs")],
-                   env=env, check=True, capture_output=True, timeout=300)
-    found = cases(record.read_text().splitlines())
-    for pattern, expected in entries.items():
-        status = subprocess.run([player, "-f", pattern, "-l", "2"], capture_output=True, timeout=300).returncode
-        assert (status == 0) == (expected == "pass")
-    assert found["Test"][0] == "pass" and float(found["Test"][1]) > 0
-    assert found["none"] == ("fail", None)

@@ -1,10 +1,8 @@
 """Shared fixtures of the report tool's tests: real runs of the player on
 the engine model, and the tool run as a program."""
 import os
-import signal
 import subprocess
 import sys
-import time
 
 import pytest
 
@@ -35,7 +33,7 @@ def corrupt_text_golden(path, words):
 @pytest.fixture(scope="session")
 def runs(tmp_path_factory):
     """Logs and dumps of real runs: passing, failing with dumps, PMU normal
-    and flusher, two code buffers, no golden, and a run killed mid-line."""
+    and flusher, two code buffers, and no golden."""
     d = str(tmp_path_factory.mktemp("runs"))
     subprocess.run([AUTHOR, d], check=True, stdout=subprocess.DEVNULL)
     demo = os.path.join(d, "conv_demo")
@@ -50,15 +48,6 @@ def runs(tmp_path_factory):
                      "--dump_output", "-d", "1"),
         "no_golden": play(d, "no_golden.log", "-f", os.path.join(demo, "pattern.hex"), "-l", "2", "-d", "0"),
     }
-    killed = os.path.join(d, "killed.log")
-    with open(killed, "w") as out:
-        proc = subprocess.Popen([PLAYER, "-f", "Test", "-l", "-1", "-d", "7"], stdout=out)
-        deadline = time.monotonic() + 60
-        while os.path.getsize(killed) < 20000 and time.monotonic() < deadline:
-            time.sleep(0.05)  # a few loops, whatever the machine's load
-        proc.send_signal(signal.SIGKILL)
-        proc.wait()
-    logs["killed"] = killed
     return {"dir": d, "demo": demo, "bad_golden": bad, "logs": logs}
 
 

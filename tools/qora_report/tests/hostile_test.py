@@ -230,23 +230,19 @@ def test_a_closed_pipe_is_quiet_and_keeps_the_status(tmp_path):
     assert (proc.wait(), err) == (1, b"") and time.monotonic() - start < 120
 
 
-def test_version_is_the_projects():
-    launcher = os.environ.get("QORA_REPORT", "build/qora_report")
-    project = re.search(r"project\(\S+ VERSION (\S+)", open(os.path.join(SOURCE, "CMakeLists.txt")).read())
-    out = subprocess.run([launcher, "--version"], capture_output=True, text=True, check=True).stdout
-    assert out == f"qora_report {project.group(1)}\n"
-
-
-def test_package_metadata_matches_the_project():
-    """pyproject.toml's version is the project's and its console script
-    names the entry point the launcher calls."""
+def test_version_and_package_metadata_are_the_projects():
+    """The launcher's --version and pyproject.toml's version are the
+    project's, and its console script names the entry point the launcher calls."""
     import tomllib
+    project = re.search(r"project\(\S+ VERSION (\S+)", open(os.path.join(SOURCE, "CMakeLists.txt")).read()).group(1)
+    launcher = os.environ.get("QORA_REPORT", "build/qora_report")
+    out = subprocess.run([launcher, "--version"], capture_output=True, text=True, check=True).stdout
+    assert out == f"qora_report {project}\n"
     package = os.path.join(SOURCE, "tools", "qora_report")
     with open(os.path.join(package, "pyproject.toml"), "rb") as f:
         meta = tomllib.load(f)["project"]
-    project = re.search(r"project\(\S+ VERSION (\S+)", open(os.path.join(SOURCE, "CMakeLists.txt")).read())
     module, function = meta["scripts"]["qora_report"].split(":")
-    assert meta["version"] == project.group(1)
+    assert meta["version"] == project
     assert f"from {module} import {function}" in open(os.path.join(package, "qora_report.in")).read()
 
 

@@ -13,14 +13,13 @@ import xml.etree.ElementTree as ET
 import pytest
 import yaml
 
+from conftest import AUTHOR, PLAYER
 from qora_report import lava
 from qora_report.runlog import parse_log
 from qora_report.summary import failed, summarize, write_junit
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SCRIPT = os.path.join(HERE, "..", "..", "..", "lava", "qora-player.sh")
-PLAYER = os.environ.get("QORA_PLAYER", "build/qora_player")
-AUTHOR = os.path.join(os.path.dirname(PLAYER), "qora_pattern_author")
 # A result record as lava-run writes it, with the untagged-string marks.
 RESULT = ('{"dt": "2026-01-01T00:00:00.5", "lvl": "results", "msg": {"case": "%s", "definition": '
           '"0_qora-player", "endtc": ! "12", "result": "%s", "starttc": ! "12"}}')
@@ -214,5 +213,8 @@ def test_run_script_and_report_pass_and_fail_the_same_runs(job, require_compare)
         if log["verdict"] == "golden_error":
             assert log["lava"]["reason"] == "golden error: " + log["reason"], case
     assert results["pattern_4"] == ("fail" if require_compare == "true" else "pass")
+    # The script's measurement of a real player's run: its mean execute time.
+    test = next(r for r in (job["dir"] / "record.txt").read_text().splitlines() if r.startswith("Test "))
+    assert float(test.split("--measurement ")[1].split()[0]) > 0
     assert sorted(case for case, r in results.items() if r == "pass") == (
         ["Test", "pattern"] + ([] if require_compare == "true" else ["pattern_4"]))

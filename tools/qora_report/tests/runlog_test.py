@@ -21,6 +21,10 @@ def _pmu(log):
     return _subs(log)[0]["pmu"]
 
 
+def _verdict_loops(log):
+    return log["verdict"], len(log["loops"])
+
+
 # name, log text, what of the results, expected
 CASES = [
     ("timing", RUN + "[D:RunCmd:362] post_proc = 7[us]\n", _subs, [{"post_proc_us": 7}]),
@@ -54,6 +58,25 @@ CASES = [
      lambda log: (log["verdict"], log["loops_reported"]), ("pass", None)),
     ("priority", RUN + "[D:SetPriority:1] set priority = 3\n", lambda log: log["settings"]["priority"], 3),
     ("priority near miss", RUN + "[D:SetPriority:1] set prio 3\n", lambda log: "priority" in log["settings"], False),
+    # Progress bars and foreign lines around the player's lines.
+    ("foreign lines", "\r[#    ][2%]\r[##   ][4%]\nboot: eth0 up\n" + RUN
+     + "kernel: noise\n[I:Execute:64] Verify pattern 1 times : success\n", _verdict_loops, ("pass", 1)),
+    # The one message without a line feed runs into the next one.
+    ("glued message", "[I:BuildCmd:31] Get pattern : p\n[E:RunCmd:330] Create korvex command FAIL![W:Execute:9] x\n",
+     _verdict_loops, ("error", 0)),
+    ("alloc failed", "[I:BuildCmd:31] Get pattern : p\n[E:AllocDataMem:96] alloc 40000000 FAIL\n",
+     _verdict_loops, ("error", 0)),
+    ("pattern missing", "open file(missing.hex) \\n", _verdict_loops, ("error", 0)),
+    # Cut off at the end: a message is read only when its whole opening text is there.
+    ("cut in a timing", RUN + "[D:RunCmd:362] execu", _verdict_loops, ("incomplete", 1)),
+    ("cut in run command", "[I:BuildCmd:31] Get pattern : p\n[I:RunCmd:399] Run comm", _verdict_loops,
+     ("incomplete", 0)),
+    ("result records of a failed run", "[I:RunCmd:399] Run command\n"
+     "[W:RunCmd:350] res: core1, last finished flow id = 7 (abort/halt?)\n[E:RunCmd:352] res: core1, irq hint = 0x10\n"
+     "[D:RunCmd:362] execute   = 5[us]\n[D:RunCmd:404] ran on core1\n[E:RunCmd:410] Command Fail!! (-1)\n",
+     lambda log: (_subs(log), log["verdict"], log["exit_status"], log["loops"][0]["verdict"],
+                  len(log["loops"][0]["messages"])),
+     ([{"core": 1, "last_flow_id": 7, "irq_hint": 0x10, "execute_us": 5}], "error", 1, "error", 3)),
 ]
 
 

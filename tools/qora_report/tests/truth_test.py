@@ -142,12 +142,15 @@ def test_report_agrees_with_the_engine_model(played, tmp_path, name):
     # a run the trace has not finished.
     if name == "killed":
         assert 2 <= len(log["loops"]) <= len(runs) + 1
-        assert (log["verdict"], log["exit_status"], status) == ("incomplete", None, 1)
+        assert (log["verdict"], log["exit_status"], log["status"], status) == ("incomplete", None, "incomplete", 1)
+        assert [loop["verdict"] for loop in log["loops"]] == ["pass"] * (len(log["loops"]) - 1) + ["incomplete"]
         assert isinstance(cases[-1].result[0], Error)
         return
     _, verdict, report_status = CASES[name]
     assert len(log["loops"]) == len(runs) and len(cases) == max(1, len(runs))
     assert (log["verdict"], log["exit_status"], status) == (verdict, player_status, report_status)
+    if verdict in ("pass", "not_compared"):
+        assert log["loops_reported"] == len(runs) and all(loop["verdict"] == verdict for loop in log["loops"])
     # Sub-commands: the engine's runs, in order, with their cores and run information.
     subs = [s for loop in log["loops"] for s in loop["subcommands"]]
     assert [s["core"] for s in subs] == [int(args[1].split()[1]) for args, _ in engine]
@@ -175,6 +178,8 @@ def _check_pmu(name, calls, instructions, log, subs):
     modes = {FLUSHER_BYTES: "flusher", NORMAL_BYTES: "normal"}
     assert all(s["pmu"]["mode"] == modes[sizes[0]] for s in subs) if sizes else all("pmu" not in s for s in subs)
     assert log["settings"]["flusher"] == (sizes[:1] == [FLUSHER_BYTES])
+    args = CASES[name][0]
+    assert log["settings"]["pmu_events"] == sorted("0x" + a for a, option in zip(args[1:], args) if option == "-p")
     if not sizes:
         return
     # Flusher records are written at each flow's end (FLOW): the run's
